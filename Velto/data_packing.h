@@ -1,0 +1,154 @@
+// Primitive wire encodings shared by every pack and by the stored records.
+//
+// All integers travel in network byte order (big-endian). Texts travel as their
+// characters followed by one NUL; byte arrays as a VLQ size followed by the bytes.
+// Every primitive works on a cursor pair: a pointer that advances and a count of
+// bytes left that decreases, both passed by reference. A primitive that lacks
+// room fails (false) without moving the cursor and never touches a byte past the
+// count it was given. Nothing here allocates except the std::string forms.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+// Fixed-capacity byte buffer: N bytes of storage and the count in use (never above N).
+template <size_t N>
+class ByteArray {
+public:
+    uint8_t arr[N];
+    size_t sz;
+
+    ByteArray() : sz(0) { memset(arr, 0, N); }
+    ByteArray(const uint8_t* p, size_t len) : sz(0) {
+        memset(arr, 0, N);
+        if (p) {
+            sz = len < N ? len : N;
+            memcpy(arr, p, sz);
+        }
+    }
+
+    void setSize(size_t n) { sz = n < N ? n : N; }
+    size_t size() const { return sz; }
+    static constexpr size_t capacity() { return N; }
+    uint8_t* data() { return arr; }
+    const uint8_t* data() const { return arr; }
+    uint8_t& operator[](size_t i) { return arr[i]; }
+    const uint8_t& operator[](size_t i) const { return arr[i]; }
+    bool operator==(const ByteArray& o) const { return sz == o.sz && memcmp(arr, o.arr, sz) == 0; }
+    bool operator!=(const ByteArray& o) const { return !(*this == o); }
+};
+
+// Fixed-capacity NUL-terminated text of at most N characters. The storage has two
+// spare bytes: a sender that exceeds the cap makes the reader keep N + 1
+// characters, and the terminating NUL then lands one byte further.
+template <size_t N>
+class FString {
+public:
+    char arr[N + 2];
+    size_t sz;
+
+    FString() : sz(0) { memset(arr, 0, sizeof(arr)); }
+    FString(const char* s) : sz(0) { assign(s, s ? strlen(s) : 0); }
+    FString(const std::string& s) : sz(0) { assign(s.data(), s.size()); }
+
+    FString& operator=(const char* s) { assign(s, s ? strlen(s) : 0); return *this; }
+    FString& operator=(const std::string& s) { assign(s.data(), s.size()); return *this; }
+
+    const char* c_str() const { return arr; }
+    char* data() { return arr; }
+    const char* data() const { return arr; }
+    size_t size() const { return sz; }
+    static constexpr size_t capacity() { return N; }
+    size_t calculateSize() { sz = strnlen(arr, sizeof(arr) - 1); return sz; }
+    std::string str() const { return std::string(arr, sz); }
+    operator std::string() const { return str(); }
+    bool operator==(const std::string& s) const { return s.size() == sz && memcmp(arr, s.data(), sz) == 0; }
+    bool operator!=(const std::string& s) const { return !(*this == s); }
+
+private:
+    void assign(const char* s, size_t len) {
+        memset(arr, 0, sizeof(arr));
+        sz = len < N ? len : N;
+        if (s && sz) memcpy(arr, s, sz);
+    }
+};
+
+// Integers. 64-bit values go as the high then the low 32-bit half; both halves
+// are attempted and the result is their AND.
+bool addToBuffer(uint8_t v, uint8_t*& buf, size_t& left);
+bool addToBuffer(int8_t v, uint8_t*& buf, size_t& left);
+bool addToBuffer(uint16_t v, uint8_t*& buf, size_t& left);
+bool addToBuffer(int16_t v, uint8_t*& buf, size_t& left);
+bool addToBuffer(uint32_t v, uint8_t*& buf, size_t& left);
+bool addToBuffer(int32_t v, uint8_t*& buf, size_t& left);
+bool addToBuffer(uint64_t v, uint8_t*& buf, size_t& left);
+bool addToBuffer(int64_t v, uint8_t*& buf, size_t& left);
+
+bool getFromBuffer(const uint8_t*& buf, size_t& left, uint8_t& v);
+bool getFromBuffer(const uint8_t*& buf, size_t& left, int8_t& v);
+bool getFromBuffer(const uint8_t*& buf, size_t& left, uint16_t& v);
+bool getFromBuffer(const uint8_t*& buf, size_t& left, int16_t& v);
+bool getFromBuffer(const uint8_t*& buf, size_t& left, uint32_t& v);
+bool getFromBuffer(const uint8_t*& buf, size_t& left, int32_t& v);
+bool getFromBuffer(const uint8_t*& buf, size_t& left, uint64_t& v);
+bool getFromBuffer(const uint8_t*& buf, size_t& left, int64_t& v);
+
+// Texts: min(strlen(s), maxLen) characters and a NUL. Fails when s or buf is
+// null or fewer than that count + 1 bytes are left.
+bool addToBuffer(const char* s, size_t maxLen, uint8_t*& buf, size_t& left);
+bool addToBuffer(const std::string& s, size_t maxLen, uint8_t*& buf, size_t& left);
+
+// Reads a NUL-terminated text into dst, which must hold maxLen + 2 bytes: copies
+// n = min(L + 1, maxLen + 1, left) bytes (L = the text's length), stores a NUL at
+// dst[n] and advances by n. A text longer than maxLen is not skipped: the rest of
+// it is read as the following fields (senders never exceed the caps).
+// Fails when dst or buf is null or nothing is left.
+bool getFromBuffer(const uint8_t*& buf, size_t& left, char* dst, size_t maxLen);
+// Reads a NUL-terminated text; fails when nothing is left or no NUL lies within
+// the bytes left.
+bool getFromBuffer(const uint8_t*& buf, size_t& left, std::string& s);
+
+// VLQ sizes: 7-bit groups, most significant first, bit 7 set on every byte but
+// the last; 1 to 5 bytes. The decoder has no cap on the byte count, and reaching
+// the end of the bytes with bit 7 still set counts as success (kept as it is).
+bool encodeSizeVLQ(uint32_t value, uint8_t*& buf, size_t& left);
+bool decodeVLQSize(const uint8_t*& buf, size_t& left, uint32_t& value);
+
+template <size_t N>
+bool addToBuffer(const FString<N>& s, uint8_t*& buf, size_t& left) {
+    return addToBuffer(s.c_str(), s.size(), buf, left);
+}
+
+template <size_t N>
+bool getFromBuffer(const uint8_t*& buf, size_t& left, FString<N>& s) {
+    if (!getFromBuffer(buf, left, s.data(), N)) return false;
+    s.calculateSize();
+    return true;
+}
+
+// A VLQ size, then size() raw bytes. Stops at the first byte that does not fit.
+template <size_t N>
+bool addToBuffer(const ByteArray<N>& a, uint8_t*& buf, size_t& left) {
+    if (!encodeSizeVLQ(static_cast<uint32_t>(a.size()), buf, left)) return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (!addToBuffer(a.arr[i], buf, left)) return false;
+    return true;
+}
+
+// A VLQ size n, then n bytes: the first min(n, N) are kept, the rest are read and
+// dropped so that the cursor stays in step with the sender. Fails when any of the
+// n bytes is missing.
+template <size_t N>
+bool getFromBuffer(const uint8_t*& buf, size_t& left, ByteArray<N>& a) {
+    uint32_t n = 0;
+    if (!decodeVLQSize(buf, left, n)) return false;
+    if (n > left) return false;
+    size_t keep = n < N ? n : N;
+    memcpy(a.arr, buf, keep);
+    a.setSize(keep);
+    buf += n;
+    left -= n;
+    return true;
+}

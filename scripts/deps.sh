@@ -1,0 +1,23 @@
+# Installs the Debian packages the build, the tests and the hub need, and only
+# those that are missing. Sourced by run.sh and test.sh.
+
+VELTO_PACKAGES="cmake make g++ libgtest-dev libgmock-dev libexpat1-dev libcurl4-openssl-dev iproute2 util-linux"
+
+missing_packages() {
+    local pkg missing=""
+    for pkg in "$@"; do
+        dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" || missing="$missing $pkg"
+    done
+    echo "$missing"
+}
+
+ensure_packages() {
+    local missing
+    missing=$(missing_packages "$@")
+    [ -z "$missing" ] && return 0
+    echo "Installing:$missing"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    $sudo apt-get update -qq || return 1
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq $missing || return 1
+}
