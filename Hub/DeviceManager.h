@@ -1,0 +1,153 @@
+// The owner of every party the hub talks to, and of the hub's timed events.
+//
+// ClientManager holds newcomers (devices that have not finished joining, keyed
+// by address), active devices (one ClientProxy per node id, 256 and up) and
+// in-hub virtual clients (node ids below 256), and owns all of them. It also
+// owns the single bounded min-heap of timed events (256 entries) that the main
+// loop drains, and does the periodic clean-up and flush. Times are milliseconds
+// from currentTime(). Single-threaded: everything runs on the main loop.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Hub/Clients.h"
+#include "Hub/Database/ClientsDB.h"
+#include "Velto/UdpSocket.h"
+#include "Velto/platform.h"
+
+class VirtualClient;
+
+// A timed event; built zero-filled, then type, dev and t are set.
+struct EventEntry {
+    enum Type : int32_t { DELAYED_SND = 0, CHECK_SND_TO = 1, CHECK_RCV_TO = 2, CLEANUP = 3, DESTROY_DEVICE = 4 };
+
+    Type type = DELAYED_SND;
+    DeviceID dev = 0;
+    uint8_t obj = 0;
+    Timestamp t = 0;  // due time
+
+    EventEntry() = default;
+    EventEntry(Type type_, DeviceID dev_, Timestamp t_) : type(type_), dev(dev_), t(t_) {}
+};
+
+// Orders by due time only; equal times have no defined order (no tie-break).
+inline bool operator<(const EventEntry& a, const EventEntry& b) { return a.t < b.t; }
+
+// Fixed-capacity binary min-heap over a caller-supplied array (not owned).
+template <typename T>
+class MinHeap {
+public:
+    MinHeap(T* data_, size_t arraySize_) : data(data_), heapSize(0), arraySize(arraySize_) {}
+
+    const T& front() const { return data[0]; }
+    bool empty() const { return heapSize == 0; }
+    size_t size() const { return heapSize; }
+
+    // False (entry dropped) when full.
+    bool push(const T& e) {
+        if (heapSize >= arraySize) return false;
+        data[heapSize] = e;
+        siftUp(heapSize++);
+        return true;
+    }
+
+    void pop() {
+        if (heapSize == 0) return;
+        data[0] = data[heapSize - 1];
+        --heapSize;
+        if (heapSize > 0) siftDown(0);
+    }
+
+    static size_t getLeftChildIndex(size_t i) { return 2 * i + 1; }
+    static size_t getRightChildIndex(size_t i) { return 2 * i + 2; }
+    static size_t getParentIndex(size_t i) { return (i - 1) / 2; }
+
+private:
+    void siftUp(size_t i) {
+        while (i != 0 && data[i] < data[getParentIndex(i)]) {
+            std::swap(data[i], data[getParentIndex(i)]);
+            i = getParentIndex(i);
+        }
+    }
+
+    void siftDown(size_t i) {
+        for (;;) {
+            size_t l = getLeftChildIndex(i), r = getRightChildIndex(i), child;
+            if (r < heapSize)
+                child = data[r] < data[l] ? r : l;  // on equal times the left child wins
+            else if (l < heapSize)
+                child = l;
+            else
+                return;
+            if (!(data[child] < data[i])) return;
+            std::swap(data[i], data[child]);
+            i = child;
+        }
+    }
+
+    T* data;
+    size_t heapSize;
+    size_t arraySize;
+};
+
+// What is known of a device while it joins.
+struct ClientInfo {
+    ClientDBRec record;
+    NodeStatusInfo status;  // state UNKNOW, maxIddleTimeSeconds 5
+    std::vector<ObjectInfo> objects;
+};
+
+class ClientManager {
+public:
+    static constexpr size_t MAX_EVENTS = 256;
+    static constexpr uint32_t MaxNewCommerIddleTime = 45000;  // ms a newcomer may stay silent
+
+    explicit ClientManager(ClientsDatabase& db);
+    // Frees the heap; the parties it still holds are not deleted (the process ends).
+    ~ClientManager();
+    ClientManager(const ClientManager&) = delete;
+    ClientManager& operator=(const ClientManager&) = delete;
+
+    ClientInfo* getNewComer(const SockAddress& addr, const std::string& duid);
+    ClientInfo* createNewComer(const SockAddress& addr, const std::string& duid, const std::string& specs,
+                               uint8_t version, Timestamp now);
+    // Turns a newcomer into a device session; null (with a line on standard
+    // error) when info is null, has id 0, or is not a newcomer of this manager.
+    ClientProxy* makeDeviceActive(ClientInfo* info, UdpSocket* socket);
+    uint8_t offerScoreForDevice(const ClientInfo& info);
+    bool avoidDevice(const SockAddress& addr, const std::string& duid, const std::string& specs, uint8_t version);
+
+    ClientProxy* getClient(uint16_t id);
+    // Takes ownership; false when vc is null or id >= 256. Replaces (deletes)
+    // a virtual client already registered under id.
+    bool addVirtualClient(uint16_t id, VirtualClient* vc);
+    // id < 256: the virtual client or null; otherwise getClient(id).
+    MessageTargetInterface* getMessageTarget(uint16_t id);
+
+    // False (event lost) when the heap is full.
+    bool requestTimedEvent(const EventEntry& e);
+    // Appends (earliest first) and removes every event due at or before limit.
+    // Returns the smallest due time retrieved, or limit.
+    Timestamp retrievePendingEventsUpTo(std::vector<EventEntry>& out, Timestamp limit);
+
+    void doFlush(Timestamp now);
+    void doCleanUp(Timestamp now);
+    void destroyClient(uint16_t id);
+
+    // Inspection, for the services and the tests.
+    const std::map<uint16_t, ClientProxy*>& allDevices() const { return devices; }
+    const std::map<uint16_t, VirtualClient*>& allVirtualClients() const { return virtualClients; }
+    const std::map<SockAddress, ClientInfo*>& allNewComers() const { return newComers; }
+    size_t pendingEvents() const { return events ? events->size() : 0; }
+
+private:
+    ClientsDatabase& db;
+    std::map<SockAddress, ClientInfo*> newComers;
+    std::map<uint16_t, ClientProxy*> devices;
+    std::map<uint16_t, VirtualClient*> virtualClients;
+    EventEntry* eventArray;
+    MinHeap<EventEntry>* events;
+};

@@ -1,0 +1,37 @@
+// Service object 1 of the hub's own node: answers device-list requests.
+//
+// A RequestBasicDeviceListMsg (message id 1) is answered with one direct
+// message, a BasicDeviceListMsg (id 2), describing every device proxy and then
+// every virtual client, in ascending id order, queued on the requester's proxy
+// for sequenced transfer. Object-information requests (id 3) are accepted and
+// not answered. Reply numbers start at 1.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "Hub/HubConsoleConnector.h"
+#include "Velto/Interfaces/DeviceManagementInterface.h"
+
+class DeviceManagementServices : public VirtualClientObjectInterface {
+public:
+    void deliverMessage(const MsgSelector& ms, std::shared_ptr<unsigned char>& data, unsigned int size) override;
+    bool subscribeToNotification(unsigned short msgId, unsigned short subscriber, bool subscribe) override;
+    void deviceHadBeenRemoved(unsigned short deviceId) override;
+
+    void getDevList(uint16_t fromDeviceId, uint8_t fromObjectNo, uint16_t msgId, uint16_t toDeviceId,
+                    uint8_t toObjectNo, std::shared_ptr<unsigned char>& data, unsigned int size);
+    void getObjList(uint16_t fromDeviceId, uint8_t fromObjectNo, uint16_t msgId, uint16_t toDeviceId,
+                    uint8_t toObjectNo, std::shared_ptr<unsigned char>& data, unsigned int size);
+    // Accepts every client: the request's filters are carried but not applied.
+    bool matchRequest(const ClientDBRec& rec, const NodeStatusInfo& status, const RequestBasicDeviceListMsg& req);
+    // Sends a MessageErrorPack through the proxy of fromNodeId, when there is one.
+    void replyWithError(uint8_t category, uint16_t fromNodeId, uint8_t fromObjectNo, uint16_t msgId,
+                        uint16_t toNodeId, uint8_t toObjectNo, uint32_t errorCode, const std::string& text);
+
+    MessageNo nextReplyNumber() const { return messageCounter; }
+
+private:
+    MessageNo messageCounter = 1;
+};

@@ -1,0 +1,15 @@
+// Configuration exchange and liveness answers, for packs from a joined device.
+//
+// ConfigSummary -> GetObjectInfo 0 -> ObjectInfo 0 -> ... -> ObjectInfo n-1 ->
+// activation (rights loaded) and ConfigurationComplete. The next object is asked
+// for only when the previous one arrived; nothing here repeats a request.
+// Pings are answered with a pong; pings and pongs both end the liveness probe.
+#pragma once
+
+#include "Hub/Clients.h"
+#include "Velto/UdpSocket.h"
+#include "Velto/Velto.h"
+
+void handleConfigSummary(const ConfigSummaryPack& pack, const SockAddress& from, ClientProxy& proxy);
+void handleObjectInfo(const ObjectInfoPack& pack, const SockAddress& from, ClientProxy& proxy);
+void handlePingPong(const PingPongPack& pack, const SockAddress& from, ClientProxy& proxy);

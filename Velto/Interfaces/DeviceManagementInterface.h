@@ -1,0 +1,63 @@
+// Message bodies of the hub's device-management service (node 1, object 1).
+//
+// They travel as the payload of sequenced direct messages and use the primitive
+// encodings: integers big-endian, texts as characters and a NUL, list sizes as
+// VLQ. Message ids within the service: 1 request device list, 2 device list,
+// 3 request object information.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "Velto/Velto.h"
+#include "Velto/data_packing.h"
+
+class RequestBasicDeviceListMsg {
+public:
+    static constexpr MessageID MSG_ID = 1;
+
+    uint8_t flags = 0;
+    FString<128> matchSpecs;
+    FString<32> withName;
+    FString<32> haveObjectWithIface;
+
+    bool addToBuffer(uint8_t*& cursor, size_t& left) const;
+    // All four reads are made; the result is their AND.
+    bool getFromBuffer(const uint8_t*& cursor, size_t& left);
+    // 101: less than the largest encoding (196); senders keep the texts short.
+    size_t estimateRequiredSize() const { return 101; }
+};
+
+class BasicDeviceInfo {
+public:
+    DeviceID id = 0;
+    FString<32> duid;
+    FString<128> specs;
+    uint8_t intVer = 0;
+    uint8_t status = 0;
+    HubID hubId = 0;
+    FString<32> nname;
+    FString<32> domain;
+    uint8_t noOfObjects = 0;
+
+    bool addToBuffer(uint8_t*& cursor, size_t& left) const;
+    bool getFromBuffer(const uint8_t*& cursor, size_t& left);
+    size_t estimateRequiredSize() const { return 234; }
+};
+
+class BasicDeviceListMsg {
+public:
+    static constexpr MessageID MSG_ID = 2;
+
+    std::vector<BasicDeviceInfo> devList;
+
+    // Stops at once when the count does not fit; otherwise the AND of all entries.
+    bool addToBuffer(uint8_t*& cursor, size_t& left) const;
+    // Appends the decoded entries to devList.
+    bool getFromBuffer(const uint8_t*& cursor, size_t& left);
+    // 8 + entries x the first entry's estimate (8 when empty).
+    size_t estimateRequiredSize() const;
+};
+
+constexpr MessageID REQUEST_BASIC_OBJECT_INFO_MSG_ID = 3;
