@@ -296,6 +296,7 @@ TEST_F(MessageTest, BusyProxyKeepsTheNewestFiveWaiting) {
     deliverToB(1);
     MessageCarrierPack piece;
     ASSERT_TRUE(devB.receivePack(piece));
+    setClockOffsetForTesting(-3600000);  // message 1 stays waiting for its ack, never timed out
     for (uint32_t n = 2; n <= 7; ++n) deliverToB(n);
     ASSERT_EQ(5u, b->queuedMessages());
     EXPECT_EQ(3u, b->queue().front().ms.msgNo);
@@ -306,17 +307,6 @@ TEST_F(MessageTest, BusyProxyKeepsTheNewestFiveWaiting) {
     ASSERT_TRUE(devB.receivePack(piece));
     EXPECT_EQ(3u, piece.msgNo);
     EXPECT_EQ(4u, b->queuedMessages());
-}
-
-TEST_F(MessageTest, AckForAnotherMessageIsLoggedAndStillMovesTheQueue) {
-    deliverToB(1);
-    MessageCarrierPack piece;
-    ASSERT_TRUE(devB.receivePack(piece));
-    testing::internal::CaptureStdout();
-    ackFromB(direct(b.id, 9, 1), 100);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("Failed to process ack for seqNo=100 to msg=9from nodeId="));
-    EXPECT_EQ(MsgSender::WAITING_FOR_ACK, b->sender().getStatus());
 }
 
 TEST_F(MessageTest, SenderWithTooManyFailuresDropsTheMessageInFlight) {
