@@ -129,7 +129,7 @@ size_t SimDevice::sendMessage(const SockAddress& hub, const MsgSelector& ms, con
     return pieces;
 }
 
-bool SimDevice::receiveMessage(const SockAddress& hub, MsgSelector& ms, Bytes& body, uint32_t timeoutMs) {
+bool SimDevice::receiveMessage(MsgSelector& ms, Bytes& body, uint32_t timeoutMs) {
     body.clear();
     size_t held = 0;
     for (int guard = 0; guard < 64; ++guard) {
@@ -145,11 +145,14 @@ bool SimDevice::receiveMessage(const SockAddress& hub, MsgSelector& ms, Bytes& b
         held += p.payload.size();
         if (held == body.size()) break;
     }
-    if (body.empty() || held != body.size()) return false;
+    return !body.empty() && held == body.size();
+}
+
+MessageCarrierACKPack SimDevice::ackFor(const MsgSelector& ms, uint32_t lastSeqNo) {
     MessageCarrierACKPack ack;
     ms.copyTo(ack);
-    ack.lastSeqNo = static_cast<uint32_t>(held);
-    return send(hub, ack);
+    ack.lastSeqNo = lastSeqNo;
+    return ack;
 }
 
 }  // namespace testsupport

@@ -65,10 +65,12 @@ public:
     // at once; no acknowledgement is awaited). Returns the number of pieces sent.
     size_t sendMessage(const SockAddress& hub, const MsgSelector& ms, const Bytes& body);
     // Collects the carrier pieces of one message sent down by the hub, in the
-    // order they come, until msgSize bytes are held contiguously; then
-    // acknowledges the whole size. False when a piece is missing within
-    // timeoutMs per piece. On success ms and body hold the message.
-    bool receiveMessage(const SockAddress& hub, MsgSelector& ms, Bytes& body, uint32_t timeoutMs = 2000);
+    // order they come, until msgSize bytes are held contiguously. False when a
+    // piece is missing within timeoutMs per piece. On success ms and body hold
+    // the message (no acknowledgement is sent: see ackFor).
+    bool receiveMessage(MsgSelector& ms, Bytes& body, uint32_t timeoutMs = 2000);
+    // The acknowledgement of the message ms up to lastSeqNo.
+    static MessageCarrierACKPack ackFor(const MsgSelector& ms, uint32_t lastSeqNo);
 
     DeviceID nodeId = 0;
     ByteArray<32> sessionKey;

@@ -67,6 +67,13 @@ ClientProxy* HubFixture::connect(SimDevice& dev, uint8_t objects) {
     return dev.receive(done) ? proxy : nullptr;
 }
 
+bool HubFixture::takeMessage(SimDevice& dev, MsgSelector& ms, Bytes& body) {
+    if (!dev.receiveMessage(ms, body)) return false;
+    MessageCarrierACKPack ack = SimDevice::ackFor(ms, static_cast<uint32_t>(body.size()));
+    deliver(dev, ack);
+    return true;
+}
+
 ClientInfo* HubFixture::newComerOf(const SimDevice& dev) {
     auto it = clientMgr.allNewComers().find(dev.address());
     return it == clientMgr.allNewComers().end() ? nullptr : it->second;

@@ -42,6 +42,9 @@ protected:
     // join, then the configuration exchange with `objects` objects (at least 1);
     // null unless every expected pack came back.
     ClientProxy* connect(SimDevice& dev, uint8_t objects = 1);
+    // A whole message sent down to dev, acknowledged back to the hub; false
+    // when a piece did not come.
+    bool takeMessage(SimDevice& dev, MsgSelector& ms, Bytes& body);
     // The newcomer the hub holds for dev (after its NewBornDevicePack), or null.
     ClientInfo* newComerOf(const SimDevice& dev);
 
