@@ -165,10 +165,18 @@ void ClientManager::doFlush(Timestamp) {
     for (auto& entry : devices) {
         if (entry.second == nullptr) continue;
         const ClientDBRec& rec = entry.second->record();
-        auto last = lastWritten.find(rec.duid);
-        if (last != lastWritten.end() && sameRecord(last->second, rec)) continue;  // the file already holds it
-        writeRecord(rec);
+        if (!fileHolds(rec)) writeRecord(rec);
     }
+}
+
+// True when the record's file is known to hold exactly rec: this manager wrote
+// rec there last, and reading the file back gives rec (so a file removed or
+// changed behind our back, or a write that failed, is written again).
+bool ClientManager::fileHolds(const ClientDBRec& rec) {
+    auto last = lastWritten.find(rec.duid);
+    if (last == lastWritten.end() || !sameRecord(last->second, rec)) return false;
+    ClientDBRec onDisk;
+    return db.loadRecord(rec.duid, onDisk) && sameRecord(onDisk, rec);
 }
 
 // Every record write of the manager goes through here so that the copy of the

@@ -145,8 +145,9 @@ public:
     // Returns the smallest due time retrieved, or limit.
     Timestamp retrievePendingEventsUpTo(std::vector<EventEntry>& out, Timestamp limit);
 
-    // Writes every device's record to the database; a record unchanged since
-    // this manager last wrote it is skipped (the file already holds it).
+    // Writes every device's record to the database. A record unchanged since
+    // this manager last wrote it, whose file still reads back equal, is skipped:
+    // the file already holds what the write would put there.
     void doFlush(Timestamp now);
     // Drops newcomers silent for more than 45000 ms; asks (CHECK_RCV_TO, due
     // now) for a probe of every device silent beyond its maxIddleTimeSeconds.
@@ -164,6 +165,7 @@ public:
 private:
     ClientInfo* loadOtherNewComer(const SockAddress& addr, const std::string& duid);
     void writeRecord(const ClientDBRec& rec);
+    bool fileHolds(const ClientDBRec& rec);
     void dropIdleNewComers(Timestamp now);
     void probeSilentDevices(Timestamp now);
 
