@@ -111,8 +111,11 @@ bool getFromBuffer(const uint8_t*& buf, size_t& left, char* dst, size_t maxLen);
 bool getFromBuffer(const uint8_t*& buf, size_t& left, std::string& s);
 
 // VLQ sizes: 7-bit groups, most significant first, bit 7 set on every byte but
-// the last; 1 to 5 bytes. The decoder has no cap on the byte count, and reaching
-// the end of the bytes with bit 7 still set counts as success (kept as it is).
+// the last; 1 to 5 bytes. encodeSizeVLQ fails (nothing written) when buf is null
+// or the encoded length does not fit. decodeVLQSize fails only when buf is null
+// or nothing is left; it has no cap on the byte count (the value keeps its low 32
+// bits), and reaching the end of the bytes with bit 7 still set counts as success
+// with the missing group read as 0 (kept as it is; nothing past the count is read).
 bool encodeSizeVLQ(uint32_t value, uint8_t*& buf, size_t& left);
 bool decodeVLQSize(const uint8_t*& buf, size_t& left, uint32_t& value);
 
@@ -138,13 +141,19 @@ bool addToBuffer(const ByteArray<N>& a, uint8_t*& buf, size_t& left) {
 }
 
 // A VLQ size n, then n bytes: the first min(n, N) are kept, the rest are read and
-// dropped so that the cursor stays in step with the sender. Fails when any of the
-// n bytes is missing.
+// dropped so that the cursor stays in step with the sender. Fails when the size
+// cannot be read or any of the n bytes is missing; the cursor is then untouched.
 template <size_t N>
 bool getFromBuffer(const uint8_t*& buf, size_t& left, ByteArray<N>& a) {
+    const uint8_t* start = buf;
+    size_t startLeft = left;
     uint32_t n = 0;
     if (!decodeVLQSize(buf, left, n)) return false;
-    if (n > left) return false;
+    if (n > left) {
+        buf = start;
+        left = startLeft;
+        return false;
+    }
     size_t keep = n < N ? n : N;
     memcpy(a.arr, buf, keep);
     a.setSize(keep);

@@ -1,0 +1,166 @@
+// SHA-256 compression, padding and HMAC.
+#include "Velto/Sha/sha256.h"
+
+#include <cstring>
+
+Sha256Class Sha256;
+
+namespace {
+
+const uint32_t SHA256_INIT[8] = {0x6a09e667u, 0xbb67ae85u, 0x3c6ef372u, 0xa54ff53au,
+                                 0x510e527fu, 0x9b05688cu, 0x1f83d9abu, 0x5be0cd19u};
+
+const uint32_t SHA256_K[64] = {
+    0x428a2f98u, 0x71374491u, 0xb5c0fbcfu, 0xe9b5dba5u, 0x3956c25bu, 0x59f111f1u, 0x923f82a4u, 0xab1c5ed5u,
+    0xd807aa98u, 0x12835b01u, 0x243185beu, 0x550c7dc3u, 0x72be5d74u, 0x80deb1feu, 0x9bdc06a7u, 0xc19bf174u,
+    0xe49b69c1u, 0xefbe4786u, 0x0fc19dc6u, 0x240ca1ccu, 0x2de92c6fu, 0x4a7484aau, 0x5cb0a9dcu, 0x76f988dau,
+    0x983e5152u, 0xa831c66du, 0xb00327c8u, 0xbf597fc7u, 0xc6e00bf3u, 0xd5a79147u, 0x06ca6351u, 0x14292967u,
+    0x27b70a85u, 0x2e1b2138u, 0x4d2c6dfcu, 0x53380d13u, 0x650a7354u, 0x766a0abbu, 0x81c2c92eu, 0x92722c85u,
+    0xa2bfe8a1u, 0xa81a664bu, 0xc24b8b70u, 0xc76c51a3u, 0xd192e819u, 0xd6990624u, 0xf40e3585u, 0x106aa070u,
+    0x19a4c116u, 0x1e376c08u, 0x2748774cu, 0x34b0bcb5u, 0x391c0cb3u, 0x4ed8aa4au, 0x5b9cca4fu, 0x682e6ff3u,
+    0x748f82eeu, 0x78a5636fu, 0x84c87814u, 0x8cc70208u, 0x90befffau, 0xa4506cebu, 0xbef9a3f7u, 0xc67178f2u};
+
+inline uint32_t ror32(uint32_t x, unsigned n) { return (x >> n) | (x << (32 - n)); }
+
+inline uint32_t loadBE32(const uint8_t* p) {
+    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
+           (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
+}
+
+}  // namespace
+
+Sha256Class::Sha256Class() {
+    memset(keyBuffer, 0, sizeof(keyBuffer));
+    memset(innerHash, 0, sizeof(innerHash));
+    init();
+}
+
+void Sha256Class::init() {
+    memcpy(state, SHA256_INIT, sizeof(state));
+    memset(buffer, 0, sizeof(buffer));
+    bufferOffset = 0;
+    byteCount = 0;
+}
+
+void Sha256Class::hashBlock(const uint8_t* block) {
+    uint32_t w[64];
+    for (int i = 0; i < 16; ++i) w[i] = loadBE32(block + 4 * i);
+    for (int i = 16; i < 64; ++i) {
+        uint32_t s0 = ror32(w[i - 15], 7) ^ ror32(w[i - 15], 18) ^ (w[i - 15] >> 3);
+        uint32_t s1 = ror32(w[i - 2], 17) ^ ror32(w[i - 2], 19) ^ (w[i - 2] >> 10);
+        w[i] = w[i - 16] + s0 + w[i - 7] + s1;
+    }
+    uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
+    uint32_t e = state[4], f = state[5], g = state[6], h = state[7];
+    for (int i = 0; i < 64; ++i) {
+        uint32_t s1 = ror32(e, 6) ^ ror32(e, 11) ^ ror32(e, 25);
+        uint32_t ch = (e & f) ^ (~e & g);
+        uint32_t t1 = h + s1 + ch + SHA256_K[i] + w[i];
+        uint32_t s0 = ror32(a, 2) ^ ror32(a, 13) ^ ror32(a, 22);
+        uint32_t maj = (a & b) ^ (a & c) ^ (b & c);
+        uint32_t t2 = s0 + maj;
+        h = g;
+        g = f;
+        f = e;
+        e = d + t1;
+        d = c;
+        c = b;
+        b = a;
+        a = t1 + t2;
+    }
+    state[0] += a;
+    state[1] += b;
+    state[2] += c;
+    state[3] += d;
+    state[4] += e;
+    state[5] += f;
+    state[6] += g;
+    state[7] += h;
+}
+
+void Sha256Class::addUncounted(uint8_t b) {
+    buffer[bufferOffset++] = b;
+    if (bufferOffset == SHA256_BLOCK_LENGTH) {
+        hashBlock(buffer);
+        bufferOffset = 0;
+    }
+}
+
+size_t Sha256Class::write(uint8_t b) {
+    ++byteCount;
+    addUncounted(b);
+    return 1;
+}
+
+size_t Sha256Class::write(const uint8_t* data, size_t n) {
+    if (data == nullptr || n == 0) return 0;
+    byteCount += static_cast<uint32_t>(n);
+    size_t rest = n;
+    if (bufferOffset != 0) {
+        size_t take = SHA256_BLOCK_LENGTH - bufferOffset;
+        if (take > rest) take = rest;
+        memcpy(buffer + bufferOffset, data, take);
+        bufferOffset = static_cast<uint8_t>(bufferOffset + take);
+        data += take;
+        rest -= take;
+        if (bufferOffset < SHA256_BLOCK_LENGTH) return n;
+        hashBlock(buffer);
+        bufferOffset = 0;
+    }
+    while (rest >= SHA256_BLOCK_LENGTH) {
+        hashBlock(data);
+        data += SHA256_BLOCK_LENGTH;
+        rest -= SHA256_BLOCK_LENGTH;
+    }
+    memcpy(buffer, data, rest);
+    bufferOffset = static_cast<uint8_t>(rest);
+    return n;
+}
+
+void Sha256Class::pad() {
+    uint64_t bits = static_cast<uint64_t>(byteCount) * 8u;
+    addUncounted(0x80);
+    while (bufferOffset != SHA256_BLOCK_LENGTH - 8) addUncounted(0x00);
+    for (int i = 7; i >= 0; --i) addUncounted(static_cast<uint8_t>(bits >> (8 * i)));
+}
+
+uint8_t* Sha256Class::result() {
+    pad();
+    // The digest replaces the state words in place, as big-endian bytes.
+    uint32_t words[8];
+    memcpy(words, state, sizeof(words));
+    uint8_t* out = reinterpret_cast<uint8_t*>(state);
+    for (int i = 0; i < 8; ++i) {
+        out[4 * i] = static_cast<uint8_t>(words[i] >> 24);
+        out[4 * i + 1] = static_cast<uint8_t>(words[i] >> 16);
+        out[4 * i + 2] = static_cast<uint8_t>(words[i] >> 8);
+        out[4 * i + 3] = static_cast<uint8_t>(words[i]);
+    }
+    return out;
+}
+
+void Sha256Class::initHmac(const uint8_t* key, int keyLen) {
+    memset(keyBuffer, 0, sizeof(keyBuffer));
+    size_t len = (key != nullptr && keyLen > 0) ? static_cast<size_t>(keyLen) : 0;
+    if (len > SHA256_BLOCK_LENGTH) {
+        init();
+        write(key, len);
+        memcpy(keyBuffer, result(), SHA256_HASH_LENGTH);
+    } else if (len > 0) {
+        memcpy(keyBuffer, key, len);
+    }
+    init();
+    uint8_t block[SHA256_BLOCK_LENGTH];
+    for (size_t i = 0; i < SHA256_BLOCK_LENGTH; ++i) block[i] = keyBuffer[i] ^ 0x36;
+    write(block, SHA256_BLOCK_LENGTH);
+}
+
+uint8_t* Sha256Class::resultHmac() {
+    memcpy(innerHash, result(), SHA256_HASH_LENGTH);
+    init();
+    uint8_t block[SHA256_BLOCK_LENGTH];
+    for (size_t i = 0; i < SHA256_BLOCK_LENGTH; ++i) block[i] = keyBuffer[i] ^ 0x5c;
+    write(block, SHA256_BLOCK_LENGTH);
+    write(innerHash, SHA256_HASH_LENGTH);
+    return result();
+}
