@@ -1,0 +1,168 @@
+#include "Velto/UdpSocket.h"
+
+#include <arpa/inet.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <istream>
+#include <ostream>
+#include <sstream>
+#include <string>
+
+// ---------------------------------------------------------------- SockAddress
+
+SockAddress::SockAddress() : SockAddress(nullptr, 0, nullptr) {}
+
+SockAddress::SockAddress(const char* host, uint16_t port, const char* /*extra*/)
+    : t(IPV4), pn(port) {
+    memset(&addr6, 0, sizeof(addr6));  // the larger member: clears the whole union
+    addr4.sin_family = AF_INET;
+    addr4.sin_port = htons(port);
+    const bool any = host == nullptr || host[0] == '\0' || strcmp(host, "*") == 0;
+    addr4.sin_addr.s_addr = any ? htonl(INADDR_ANY) : inet_addr(host);
+}
+
+const char* SockAddress::ipAddr() const {
+    return inet_ntoa(addr4.sin_addr);
+}
+
+bool SockAddress::getSockAddr(sockaddr_in& out) const {
+    if (t != IPV4) return false;
+    out = addr4;
+    return true;
+}
+
+void SockAddress::setSockAddr(const sockaddr_in& in) {
+    memset(&addr6, 0, sizeof(addr6));
+    t = IPV4;
+    addr4 = in;
+    pn = ntohs(in.sin_port);
+}
+
+bool SockAddress::operator==(const SockAddress& o) const {
+    if (t != o.t || pn != o.pn) return false;
+    if (t != IPV4) return false;
+    return addr4.sin_addr.s_addr == o.addr4.sin_addr.s_addr;
+}
+
+bool SockAddress::operator<(const SockAddress& o) const {
+    if (t != o.t) return t < o.t;
+    if (t != IPV4) return false;
+    const uint32_t a = addr4.sin_addr.s_addr;
+    const uint32_t b = o.addr4.sin_addr.s_addr;
+    if (a != b) return a < b;
+    return pn < o.pn;
+}
+
+std::ostream& operator<<(std::ostream& os, const SockAddress& a) {
+    return os << '[' << a.ipAddr() << "]:" << static_cast<unsigned>(a.port());
+}
+
+namespace {
+
+// Reads the port from at most seven characters of `token` starting at `pos`;
+// false (port 0) when no number can be read there.
+bool readPort(const std::string& token, size_t pos, uint16_t& port) {
+    std::istringstream in(token.substr(pos, 7));
+    in >> port;
+    if (in.fail()) {
+        port = 0;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::istream& operator>>(std::istream& is, SockAddress& a) {
+    std::string token;
+    if (!(is >> token)) return is;
+    const size_t close = token.find(']');
+    if (close == std::string::npos) {
+        is.setstate(std::ios::failbit);
+        return is;
+    }
+    const size_t start = token[0] == '[' ? 1 : 0;
+    const std::string host = close > start ? token.substr(start, close - start) : "";
+    size_t pos = close;
+    while (pos < token.size() && (token[pos] == ']' || token[pos] == ':')) ++pos;
+    uint16_t port = 0;
+    if (!readPort(token, pos, port)) is.setstate(std::ios::failbit);
+    a = SockAddress(host.c_str(), port, nullptr);
+    return is;
+}
+
+// ------------------------------------------------------------------ UdpSocket
+
+UdpSocket::~UdpSocket() {
+    close();
+}
+
+bool UdpSocket::bind(const SockAddress& local, bool reuse) {
+    close();
+    sockaddr_in sa;
+    if (!local.getSockAddr(sa)) return false;
+    fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) {
+        fd = -1;
+        return false;
+    }
+    if (reuse) {
+        int one = 1;
+        (void)::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    }
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&sa), sizeof(sa)) != 0) {
+        close();
+        return false;
+    }
+    return true;
+}
+
+bool UdpSocket::joinMCastGroup(const SockAddress& group) {
+    sockaddr_in sa;
+    if (fd < 0 || !group.getSockAddr(sa)) return false;
+    ip_mreq req;
+    memset(&req, 0, sizeof(req));
+    req.imr_multiaddr = sa.sin_addr;
+    req.imr_interface.s_addr = htonl(INADDR_ANY);
+    return ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &req, sizeof(req)) == 0;
+}
+
+void UdpSocket::close() {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+int UdpSocket::sendTo(const SockAddress& to, uint8_t* data, size_t size) {
+    sockaddr_in sa;
+    if (fd < 0 || data == nullptr || !to.getSockAddr(sa)) return -1;
+    const ssize_t n = ::sendto(fd, data, size, 0, reinterpret_cast<const sockaddr*>(&sa), sizeof(sa));
+    return static_cast<int>(n);
+}
+
+int UdpSocket::recv(uint8_t* buffer, size_t capacity, SockAddress* from) {
+    if (fd < 0 || buffer == nullptr) return -1;
+    sockaddr_in sa;
+    memset(&sa, 0, sizeof(sa));
+    socklen_t len = sizeof(sa);
+    const ssize_t n = ::recvfrom(fd, buffer, capacity, 0, reinterpret_cast<sockaddr*>(&sa), &len);
+    if (n < 0) return -1;
+    if (from != nullptr) from->setSockAddr(sa);
+    return static_cast<int>(n);
+}
+
+int UdpSocket::recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout) {
+    // select() cannot watch a descriptor beyond FD_SETSIZE.
+    if (fd < 0 || fd >= FD_SETSIZE) return -1;
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    timeval tv;
+    tv.tv_sec = static_cast<time_t>(timeout / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((timeout % 1000) * 1000);
+    const int r = ::select(fd + 1, &readable, nullptr, nullptr, &tv);
+    if (r <= 0) return r < 0 ? -1 : 0;
+    return recv(buffer, capacity, from);
+}

@@ -1,7 +1,9 @@
 // IPv4 UDP transport: SockAddress, an address and port usable as a map key with a
 // text form "[a.b.c.d]:port" for logs and record files, and UdpSocket, the thin
 // owner of one datagram socket. Nothing here prints; failures are returned
-// (false, or -1). Ports are in host order in `pn`, in network order in `addr4`.
+// (false, or -1). Ports are in host order in `pn`, in network order in `addr4`;
+// the address inside `addr4` is in network order. A UdpSocket owns its descriptor
+// and closes it on destruction.
 #pragma once
 
 #include <netinet/in.h>
@@ -14,6 +16,7 @@ class SockAddress {
 public:
     enum Type { IPV4 = 0, IPV6 = 1 };
 
+    // IPV4, the any-address, port 0.
     SockAddress();
     // host null, "" or "*" gives the any-address; otherwise inet_addr(host), so
     // an unparsable text gives 255.255.255.255. `extra` is not used.
@@ -24,11 +27,17 @@ public:
     // Dotted-quad text; lives in a static buffer of the platform, use it at once.
     const char* ipAddr() const;
     const char* hostName() const { return ipAddr(); }
+    // Copies the IPv4 address out: true for IPV4, false (out untouched) otherwise.
     bool getSockAddr(sockaddr_in& out) const;
+    // Becomes IPV4 with the address and port of `in`.
     void setSockAddr(const sockaddr_in& in);
 
+    // Equal type and port and, for IPV4, equal address; two IPV6 values never
+    // compare equal.
     bool operator==(const SockAddress& o) const;
     bool operator!=(const SockAddress& o) const { return !(*this == o); }
+    // Strict weak order: by type, then by the address word as stored (network
+    // order read as a host integer), then by port. IPV6 values are never less.
     bool operator<(const SockAddress& o) const;
 
 private:
@@ -40,9 +49,14 @@ private:
     };
 };
 
-// "[" ipAddr() "]:" port
+// Writes "[" ipAddr() "]:" port in decimal; returns os.
 std::ostream& operator<<(std::ostream& os, const SockAddress& a);
-// Reads one token in the output form; see the .cpp for the exact rules.
+// Reads one whitespace-delimited token in the output form "[host]:port". A
+// leading "[" is skipped, the host ends before the first "]", every "]" or ":"
+// after it is skipped and the port is read from at most the next 7 characters.
+// The target becomes SockAddress(host, port). A token without "]" sets failbit
+// and leaves the target unchanged; an unreadable port replaces the target with
+// port 0 and sets failbit. Returns is.
 std::istream& operator>>(std::istream& is, SockAddress& a);
 
 class UdpSocket {
@@ -54,16 +68,22 @@ public:
 
     bool ok() const { return fd >= 0; }
     int handle() const { return fd; }
-    // Closes any open socket, opens a new one and binds it; false (socket closed)
-    // on failure. reuse sets SO_REUSEADDR.
+    // Closes any open socket, opens a new one and binds it; true when bound,
+    // false (socket closed) on failure. reuse sets SO_REUSEADDR.
     bool bind(const SockAddress& local, bool reuse);
+    // Joins the group address on the default interface (the port is ignored);
+    // true when the platform accepts it, false otherwise or when closed.
     bool joinMCastGroup(const SockAddress& group);
+    // Closes the socket if open; afterwards ok() is false.
     void close();
-    // -1 when closed or data is null; otherwise the platform's result.
+    // -1 when closed, data is null or `to` is not IPv4; otherwise the platform's
+    // result (bytes sent or -1).
     int sendTo(const SockAddress& to, uint8_t* data, size_t size);
-    // Blocking receive of one datagram; -1 when closed, buffer null or on error.
+    // Blocking receive of one datagram, cut to capacity; the byte count, or -1
+    // when closed, buffer null or on error. `from` (if not null) gets the sender.
     int recv(uint8_t* buffer, size_t capacity, SockAddress* from);
-    // Waits at most timeout ms (0 = poll); 0 on time-out, -1 on error, else recv().
+    // Waits at most timeout ms (0 = poll); 0 on time-out, -1 on error or when
+    // closed, else the result of recv().
     int recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout);
 
 private:
