@@ -1,1 +1,36 @@
-int main() { return 0; }
+// The hub daemon: binds the Velto port, joins the hub's multicast group,
+// registers the hub's own services as node 1 and runs the loop until SIGTERM
+// or SIGINT; then writes every device record out and exits 0. Exits 1 when the
+// port cannot be bound. Arguments are ignored.
+#include <iostream>
+
+#include "Hub/HubConsoleConnector.h"
+#include "Hub/server.h"
+#include "Velto/UdpSocket.h"
+#include "Velto/platform.h"
+
+int main(int, char**) {
+    setUpBufferedOutput();
+    installStopSignalHandlers();
+
+    UdpSocket sock;
+    if (!sock.bind(SockAddress("", HUB_PORT, nullptr), false)) {
+        std::cout << "Failed to bind\n";
+        sock.close();
+        flushOutput();
+        return 1;
+    }
+    std::cout << "Successfully bind\n";  // kept: the wording as it stands
+    if (sock.joinMCastGroup(SockAddress(HUB_MCAST_GROUP, HUB_PORT, nullptr)))
+        std::cout << "Successfully joined group\n";
+    else
+        std::cout << "Failed to join the group\n";
+
+    clientMgr.addVirtualClient(1, new HubMainServices());
+
+    mainThread(sock);
+
+    clientMgr.doFlush(currentTime());
+    flushOutput();
+    return 0;
+}

@@ -1,0 +1,251 @@
+#include "Hub/Database/ClientsDB.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <vector>
+
+namespace {
+
+const char recordSuffix[] = ".dev";
+const size_t recordSuffixLen = 4;
+
+// A DUID can name a record file only if it is a plain name inside the directory:
+// not empty, no "/" or NUL, not starting with "." (no ".", "..", hidden files).
+bool isPlainFileName(const std::string& duid) {
+    if (duid.empty() || duid[0] == '.') return false;
+    return duid.find('/') == std::string::npos && duid.find('\0') == std::string::npos;
+}
+
+// The DUID as it may appear in a one-line diagnostic.
+std::string printable(const std::string& text) {
+    std::string out = text;
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+    return out;
+}
+
+bool refuseName(const char* operation, const std::string& duid) {
+    std::cerr << "ERROR " << operation << ": DUID \"" << printable(duid)
+              << "\" is not a plain file name; record refused\n";
+    return false;
+}
+
+// atoi without its undefined overflow: what glibc's atoi does.
+int toInt(const std::string& value) {
+    return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
+}
+
+// The sixteen lines of a record, in their fixed order.
+std::string formatRecord(const ClientDBRec& rec) {
+    std::ostringstream os;
+    os << "DUID=" << rec.duid << '\n'
+       << "MAIN_KEY=" << rec.mainKey << '\n'
+       << "ID=" << rec.id << '\n'
+       << "SPECS=" << rec.specs << '\n'
+       << "VERSION=" << static_cast<unsigned>(rec.version) << '\n'
+       << "NAME=" << rec.assignedName << '\n'
+       << "FIRST_ADDR=" << rec.firstAddress << '\n'
+       << "LAST_ADDR=" << rec.lastAddress << '\n'
+       << "FIRST_TIME=" << rec.firstConnect << '\n'
+       << "LAST_TIME=" << rec.lastConnect << '\n'
+       << "KEY_TIME=" << rec.keyTime << '\n'
+       << "SESSION_KEY=" << rec.sessionKey << '\n'
+       << "TRUST=" << static_cast<unsigned>(rec.trust) << '\n'
+       << "SIG_TYPE=" << static_cast<unsigned>(rec.sigType) << '\n'
+       << "ENC_TYPE=" << static_cast<unsigned>(rec.encType) << '\n'
+       << "SEQUENCES=" << rec.toDeviceSequence << ' ' << rec.fromDeviceSequence << '\n';
+    return os.str();
+}
+
+// Writes all of text to fd; false on any short or failed write.
+bool writeAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Creates path afresh (an old file or link of that name is removed first, and a
+// link is never followed), owner-only since records hold keys. -1 on failure.
+int createFresh(const std::string& path) {
+    ::unlink(path.c_str());
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+// Writes text to the open temporary file, syncs it to disk and closes it; true
+// when all of that succeeded.
+bool finishTemp(int fd, const std::string& text) {
+    const bool written = writeAll(fd, text) && ::fsync(fd) == 0;
+    const bool closed = ::close(fd) == 0;
+    return written && closed;
+}
+
+bool parseStringKey(const std::string& key, const std::string& value, ClientDBRec& rec) {
+    if (key == "DUID") rec.duid = value;
+    else if (key == "SPECS") rec.specs = value;
+    else if (key == "NAME") rec.assignedName = value;
+    else return false;
+    return true;
+}
+
+bool parseKeyKey(const std::string& key, const std::string& value, ClientDBRec& rec) {
+    if (key == "MAIN_KEY") hex2bin<32>(value, rec.mainKey);
+    else if (key == "SESSION_KEY") hex2bin<32>(value, rec.sessionKey);
+    else return false;
+    return true;
+}
+
+bool parseSmallNumberKey(const std::string& key, const std::string& value, ClientDBRec& rec) {
+    if (key == "ID") rec.id = static_cast<DeviceID>(toInt(value));
+    else if (key == "VERSION") rec.version = static_cast<uint8_t>(toInt(value));
+    else if (key == "TRUST") rec.trust = static_cast<uint8_t>(toInt(value));
+    else if (key == "SIG_TYPE") rec.sigType = static_cast<uint8_t>(toInt(value));
+    else if (key == "ENC_TYPE") rec.encType = static_cast<uint8_t>(toInt(value));
+    else return false;
+    return true;
+}
+
+// Stream conversions: a failed conversion still counts as the key's match and
+// leaves in the field whatever the stream put there.
+bool parseStreamKey(const std::string& key, const std::string& value, ClientDBRec& rec) {
+    std::istringstream in(value);
+    if (key == "FIRST_ADDR") in >> rec.firstAddress;
+    else if (key == "LAST_ADDR") in >> rec.lastAddress;
+    else if (key == "FIRST_TIME") in >> rec.firstConnect;
+    else if (key == "LAST_TIME") in >> rec.lastConnect;
+    else if (key == "KEY_TIME") in >> rec.keyTime;
+    else if (key == "SEQUENCES") in >> rec.toDeviceSequence >> rec.fromDeviceSequence;
+    else return false;
+    return true;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------- free functions
+
+std::ostream& operator<<(std::ostream& os, const ByteArray<32>& arr) {
+    const std::ios::fmtflags flags = os.flags();
+    const char fill = os.fill();
+    os << std::hex << std::setfill('0');
+    for (size_t i = 0; i < arr.size(); ++i) os << std::setw(2) << static_cast<unsigned>(arr[i]);
+    os.flags(flags);
+    os.fill(fill);
+    return os;
+}
+
+bool parseRecordLine(const std::string& line, ClientDBRec& rec) {
+    if (line.size() < 3) return false;
+    const size_t eq = line.find('=');
+    if (eq == std::string::npos) return false;
+    std::string key;
+    std::istringstream(line.substr(0, eq)) >> key;
+    const std::string value = line.substr(eq + 1);
+    if (key.empty() || value.empty()) return false;
+    return parseStringKey(key, value, rec) || parseKeyKey(key, value, rec) ||
+           parseSmallNumberKey(key, value, rec) || parseStreamKey(key, value, rec);
+}
+
+// ------------------------------------------------------------ ClientsDatabase
+
+ClientsDatabase::ClientsDatabase(const std::string& dir) : dirName(dir), nextNodeId(1000) {
+    if (!preloadCache())
+        std::cerr << "Failed to preload Cache information. Database may be inconsistent\n";
+}
+
+ClientsDatabase::~ClientsDatabase() = default;
+
+DeviceID ClientsDatabase::getNextFreeId() {
+    return nextNodeId++;
+}
+
+DeviceID ClientsDatabase::objectIdFor(const std::string& duid) const {
+    const auto it = duid2node.find(duid);
+    return it == duid2node.end() ? 0 : it->second;
+}
+
+std::string ClientsDatabase::recordPath(const std::string& duid) const {
+    return dirName + "/" + duid + recordSuffix;
+}
+
+void ClientsDatabase::cacheRecord(const std::string& duid, DeviceID id) {
+    duid2node[duid] = id;
+    node2duid[id] = duid;
+}
+
+bool ClientsDatabase::loadRecord(const std::string& duid, ClientDBRec& rec) {
+    if (!isPlainFileName(duid)) return refuseName("loadRecord", duid);
+    std::ifstream in(recordPath(duid));
+    ClientDBRec scratch;
+    bool found = false;
+    std::string line;
+    while (std::getline(in, line))
+        if (parseRecordLine(line, scratch) && scratch.duid == duid) found = true;
+    if (found) rec = scratch;
+    return found;
+}
+
+bool ClientsDatabase::loadRecord(unsigned int id, ClientDBRec& rec) {
+    const auto it = node2duid.find(static_cast<DeviceID>(id));
+    if (it == node2duid.end()) return false;
+    return loadRecord(it->second, rec);
+}
+
+// Kept: the old backup is removed and the directory itself is asked to move
+// onto the backup name, which the system refuses (a directory cannot move into
+// itself), so no backup is ever made. The attempt is skipped when the directory
+// path is a symbolic link: renaming the link would succeed and move it.
+void ClientsDatabase::attemptBackup(const std::string& backupPath) const {
+    ::unlink(backupPath.c_str());
+    struct stat st;
+    if (::lstat(dirName.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+        (void)::rename(dirName.c_str(), backupPath.c_str());
+}
+
+bool ClientsDatabase::updateRecord(const ClientDBRec& rec) {
+    const bool status = false;  // kept: never set, the result is false on success too
+    if (!isPlainFileName(rec.duid)) return refuseName("updateRecord", rec.duid);
+    if (dirName.empty()) return status;  // "/<duid>.dev" would be outside any database
+    const std::string path = recordPath(rec.duid);
+    attemptBackup(path + "~");
+
+    const std::string tempPath = path + ".tmp";
+    const int fd = createFresh(tempPath);
+    if (fd < 0) return status;
+    cacheRecord(rec.duid, rec.id);
+    if (!finishTemp(fd, formatRecord(rec)) || ::rename(tempPath.c_str(), path.c_str()) != 0)
+        ::unlink(tempPath.c_str());
+    return status;
+}
+
+bool ClientsDatabase::preloadCache() {
+    std::vector<std::string> files;
+    getdir(dirName, files);
+    if (files.empty()) return false;
+    for (const std::string& name : files) {
+        // Names shorter than the suffix (".", "..", stray short files) are skipped.
+        if (name.size() < recordSuffixLen) continue;
+        if (name.compare(name.size() - recordSuffixLen, recordSuffixLen, recordSuffix) != 0) continue;
+        const std::string duid = name.substr(0, name.size() - recordSuffixLen);
+        // Hidden or otherwise unusable names were never written by the hub.
+        if (!isPlainFileName(duid)) continue;
+        ClientDBRec rec;
+        if (!loadRecord(duid, rec) || rec.id == 0) continue;
+        cacheRecord(rec.duid, rec.id);
+        if (rec.id >= nextNodeId) nextNodeId = static_cast<DeviceID>(rec.id + 1);
+        std::cout << "add to map " << duid << " -- " << rec.id << " next=" << nextNodeId << '\n';
+    }
+    return true;
+}
