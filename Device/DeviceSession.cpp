@@ -13,6 +13,9 @@ namespace {
 
 constexpr size_t MAX_REMEMBERED_OUTCOMES = 256;
 constexpr int MAX_DATAGRAMS_PER_POLL = 64;
+// The blocking helpers look at their condition at least this often: poll()
+// itself returns only when datagrams arrive or its time is up.
+constexpr int HELPER_SLICE_MS = 20;
 
 uint64_t fresh64() {
     uint64_t v = 0;
@@ -72,7 +75,10 @@ bool DeviceSession::start() {
     std::string why;
     if (!validateConfig(cfg, why)) return fail("invalid device configuration: " + why);
     if (!link.isOpen() && !link.open()) return fail("cannot open a UDP socket");
-    if (!cfg.discover) link.setHub(cfg.hub);
+    if (cfg.discover)
+        link.forgetHub();
+    else
+        link.setHub(cfg.hub);
     outbox.abandonAll("the session was restarted");
     reportDeliveries();
     myId = 0;
@@ -80,6 +86,7 @@ bool DeviceSession::start() {
     link.setSigning(NO_SIGNATURE_TYPE, ByteArray<32>());
     sessKey = ByteArray<32>();
     offerSeen = false;
+    discovered = false;
     joinProblem.clear();
     st = State::ANNOUNCING;
     Timestamp now = currentTime();
@@ -96,7 +103,7 @@ void DeviceSession::announce(Timestamp now) {
     p.prevn = nodeName;
     p.prevdom = hubDomain;
     lastAnnounce = now;
-    bool sent = cfg.discover && !offerSeen ? link.sendTo(discoveryAddress(), p) : link.send(p);
+    bool sent = cfg.discover && !discovered ? link.sendTo(discoveryAddress(), p) : link.send(p);
     if (!sent) diag("could not send the announcement");
 }
 
@@ -124,7 +131,7 @@ bool DeviceSession::join(int timeoutMs) {
     while (st != State::READY) {
         int left = remainingMs(deadline);
         if (left == 0) return fail(joinFailure(timeoutMs));
-        if (poll(left) < 0) return false;
+        if (poll(std::min(left, HELPER_SLICE_MS)) < 0) return false;
     }
     lastErr.clear();
     return true;
@@ -153,9 +160,18 @@ void DeviceSession::handleOffer(const uint8_t* data, size_t n, const SockAddress
     if (check == SignatureCheck::BAD) return diag("refused an adoption offer whose signature does not verify");
     if (check == SignatureCheck::NOT_CHECKABLE)
         diag("adoption offer signed with type 2: not checkable by the protocol, accepted unchecked");
-    if (!link.hasHub()) link.setHub(from);
     link.setHubId(offer.svrNodeId);
     offerSeen = true;
+    if (cfg.discover && !discovered) {
+        // The hub files a newcomer under the source address of its
+        // announcement, and a multicast announcement may leave with another
+        // source address than our unicast packs. Announce once more, straight
+        // to the hub, and join on that offer.
+        discovered = true;
+        link.setHub(from);
+        announce(now);
+        return;
+    }
     hubDomain = offer.domain.str();
     nodeName = cfg.name.empty() ? offer.nname.str() : cfg.name;
     if (nodeName.empty()) nodeName = cfg.duid;
@@ -529,7 +545,7 @@ bool DeviceSession::waitForDelivery(MessageNo msgNo, int timeoutMs) {
         int left = remainingMs(deadline);
         if (left == 0) return fail("message " + std::to_string(msgNo) + " still undelivered after " +
                                    std::to_string(timeoutMs) + " ms");
-        if (poll(left) < 0) return false;
+        if (poll(std::min(left, HELPER_SLICE_MS)) < 0) return false;
     }
 }
 
@@ -538,7 +554,7 @@ bool DeviceSession::flush(int timeoutMs) {
     while (outbox.busy()) {
         int left = remainingMs(deadline);
         if (left == 0) return fail("messages still waiting after " + std::to_string(timeoutMs) + " ms");
-        if (poll(left) < 0) return false;
+        if (poll(std::min(left, HELPER_SLICE_MS)) < 0) return false;
     }
     return true;
 }
@@ -569,7 +585,7 @@ bool DeviceSession::requestDeviceList(BasicDeviceListMsg& out, int timeoutMs) {
             listWanted = false;
             return fail("no device list from the hub within " + std::to_string(timeoutMs) + " ms");
         }
-        if (poll(leftMs) < 0) {
+        if (poll(std::min(leftMs, HELPER_SLICE_MS)) < 0) {
             listWanted = false;
             return false;
         }

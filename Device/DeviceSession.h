@@ -146,6 +146,7 @@ private:
     std::string nodeName;
     std::string hubDomain;
     bool offerSeen = false;
+    bool discovered = false;  // the hub's address came from an offer to the group
     std::string joinProblem;  // why the last join answer was refused
     bool warnedType2 = false;
 

@@ -29,6 +29,7 @@ public:
     static bool localAddressToward(const SockAddress& to, uint8_t out[4]);
 
     void setHub(const SockAddress& addr) { hubAddr = addr; haveHub = true; }
+    void forgetHub() { haveHub = false; }
     bool hasHub() const { return haveHub; }
     const SockAddress& hub() const { return hubAddr; }
     void setDeviceId(DeviceID id) { devId = id; }

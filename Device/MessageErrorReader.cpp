@@ -20,8 +20,10 @@ bool readMessageError(const uint8_t* data, size_t size, MessageError& out) {
     ok = getFromBuffer(cursor, left, e.msgId) && ok;
     ok = getFromBuffer(cursor, left, e.toNodeId) && ok;
     ok = getFromBuffer(cursor, left, e.toObjectNo) && ok;
+    const size_t beforeText = left;
     ok = getFromBuffer(cursor, left, text) && ok;
-    if (!ok) return false;
+    // The text must end with its NUL within the datagram and the cap.
+    if (!ok || text.size() >= beforeText - left) return false;
     e.text = text.str();
     out = e;
     return true;
