@@ -75,8 +75,10 @@ private:
     }
 };
 
-// Integers. 64-bit values go as the high then the low 32-bit half; both halves
-// are attempted and the result is their AND.
+// Integers, big-endian. True on success; false when buf is null or fewer bytes
+// than the width are left, the cursor then untouched. 64-bit values go as the
+// high then the low 32-bit half; both halves are attempted and the result is
+// their AND (so a failed 64-bit value may have moved the cursor by 4).
 bool addToBuffer(uint8_t v, uint8_t*& buf, size_t& left);
 bool addToBuffer(int8_t v, uint8_t*& buf, size_t& left);
 bool addToBuffer(uint16_t v, uint8_t*& buf, size_t& left);
@@ -95,19 +97,21 @@ bool getFromBuffer(const uint8_t*& buf, size_t& left, int32_t& v);
 bool getFromBuffer(const uint8_t*& buf, size_t& left, uint64_t& v);
 bool getFromBuffer(const uint8_t*& buf, size_t& left, int64_t& v);
 
-// Texts: min(strlen(s), maxLen) characters and a NUL. Fails when s or buf is
-// null or fewer than that count + 1 bytes are left.
+// Texts: min(strlen(s), maxLen) characters and a NUL. True on success; false
+// (nothing written) when s or buf is null or fewer than that count + 1 bytes are
+// left.
 bool addToBuffer(const char* s, size_t maxLen, uint8_t*& buf, size_t& left);
 bool addToBuffer(const std::string& s, size_t maxLen, uint8_t*& buf, size_t& left);
 
 // Reads a NUL-terminated text into dst, which must hold maxLen + 2 bytes: copies
 // n = min(L + 1, maxLen + 1, left) bytes (L = the text's length), stores a NUL at
 // dst[n] and advances by n. A text longer than maxLen is not skipped: the rest of
-// it is read as the following fields (senders never exceed the caps).
-// Fails when dst or buf is null or nothing is left.
+// it is read as the following fields (senders never exceed the caps); a text
+// cut by the end of the bytes is taken as it is. True after any read; false
+// (nothing read) when dst or buf is null or nothing is left.
 bool getFromBuffer(const uint8_t*& buf, size_t& left, char* dst, size_t maxLen);
-// Reads a NUL-terminated text; fails when nothing is left or no NUL lies within
-// the bytes left.
+// Reads a NUL-terminated text. True on success; false (cursor untouched) when
+// buf is null, nothing is left or no NUL lies within the bytes left.
 bool getFromBuffer(const uint8_t*& buf, size_t& left, std::string& s);
 
 // VLQ sizes: 7-bit groups, most significant first, bit 7 set on every byte but
@@ -119,11 +123,14 @@ bool getFromBuffer(const uint8_t*& buf, size_t& left, std::string& s);
 bool encodeSizeVLQ(uint32_t value, uint8_t*& buf, size_t& left);
 bool decodeVLQSize(const uint8_t*& buf, size_t& left, uint32_t& value);
 
+// The text's size() characters and a NUL; true/false as for a C string.
 template <size_t N>
 bool addToBuffer(const FString<N>& s, uint8_t*& buf, size_t& left) {
     return addToBuffer(s.c_str(), s.size(), buf, left);
 }
 
+// A text read with maxLen = N, then the cached size recomputed; true/false as
+// for a char array (an over-cap sender leaves N + 1 characters here).
 template <size_t N>
 bool getFromBuffer(const uint8_t*& buf, size_t& left, FString<N>& s) {
     if (!getFromBuffer(buf, left, s.data(), N)) return false;
@@ -131,13 +138,17 @@ bool getFromBuffer(const uint8_t*& buf, size_t& left, FString<N>& s) {
     return true;
 }
 
-// A VLQ size, then size() raw bytes. Stops at the first byte that does not fit.
+// A VLQ size, then size() raw bytes. True when all of it fits; false when the
+// size does not fit (nothing written) or when the bytes run out (the size and the
+// bytes that fitted stay written, the cursor past them).
 template <size_t N>
 bool addToBuffer(const ByteArray<N>& a, uint8_t*& buf, size_t& left) {
     if (!encodeSizeVLQ(static_cast<uint32_t>(a.size()), buf, left)) return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (!addToBuffer(a.arr[i], buf, left)) return false;
-    return true;
+    size_t fit = a.size() <= left ? a.size() : left;
+    memcpy(buf, a.arr, fit);
+    buf += fit;
+    left -= fit;
+    return fit == a.size();
 }
 
 // A VLQ size n, then n bytes: the first min(n, N) are kept, the rest are read and

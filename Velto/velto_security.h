@@ -37,18 +37,24 @@ public:
     bool initialize();
 
     // Records where the signature bytes go and writes sigSize() zero bytes.
+    // True on success; false (cursor untouched) when cursor is null or fewer than
+    // sigSize() bytes are left.
     virtual bool addToBuffer(uint8_t*& cursor, size_t& left);
-    // Takes the type read from the header, records the position and skips the
-    // signature bytes.
+    // Takes the type read from the header (stored even on failure), records the
+    // position and skips the signature bytes. True on success; false (cursor
+    // untouched) when cursor is null or fewer than sigSize(type) bytes are left.
     virtual bool getFromBuffer(const uint8_t*& cursor, size_t& left, uint8_t type);
 
     // Types 1 and 2: HMAC over [packet, sigBegin) and [sigBegin + S, packet + n),
-    // written into the signature bytes. Other types: nothing.
+    // written into the signature bytes. Other types, or a recorded position whose
+    // S bytes do not lie within [packet, packet + n): nothing. A null key hashes
+    // as an empty key.
     void calculateAndUpdate(uint8_t* packet, size_t n);
 
     // Sets and returns the verified flag. Type 0 verifies; type 1 checks the
     // HMAC-SHA1; type 2 is computed with the SHA-1 hasher and compared over 32
-    // bytes, so it never verifies (kept on purpose); other types fail.
+    // bytes, so it never verifies (kept on purpose); other types, and a signature
+    // area not within [packet, packet + n), give false.
     bool verify(const uint8_t* packet, size_t n);
 
 private:

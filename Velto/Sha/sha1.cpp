@@ -31,45 +31,40 @@ void Sha1Class::init() {
     byteCount = 0;
 }
 
+// One round: t = rol(a, 5) + f + e + k + w; then the registers shift down.
+#define SHA1_ROUND(f, k, w)                                  \
+    do {                                                     \
+        uint32_t t = rol32(a, 5) + (f) + e + (k) + (w);      \
+        e = d;                                               \
+        d = c;                                               \
+        c = rol32(b, 30);                                    \
+        b = a;                                               \
+        a = t;                                               \
+    } while (0)
+
 void Sha1Class::hashBlock(const uint8_t* block) {
+    // The message schedule is kept as a rolling window of 16 words.
     uint32_t w[16];
     for (int i = 0; i < 16; ++i) w[i] = loadBE32(block + 4 * i);
+    auto next = [&w](int i) {
+        uint32_t v = rol32(w[(i + 13) & 15] ^ w[(i + 8) & 15] ^ w[(i + 2) & 15] ^ w[i & 15], 1);
+        w[i & 15] = v;
+        return v;
+    };
     uint32_t a = state[0], b = state[1], c = state[2], d = state[3], e = state[4];
-    for (int i = 0; i < 80; ++i) {
-        uint32_t wi;
-        if (i < 16) {
-            wi = w[i];
-        } else {
-            wi = rol32(w[(i + 13) & 15] ^ w[(i + 8) & 15] ^ w[(i + 2) & 15] ^ w[i & 15], 1);
-            w[i & 15] = wi;
-        }
-        uint32_t f, k;
-        if (i < 20) {
-            f = (b & c) | (~b & d);
-            k = 0x5a827999u;
-        } else if (i < 40) {
-            f = b ^ c ^ d;
-            k = 0x6ed9eba1u;
-        } else if (i < 60) {
-            f = (b & c) | (b & d) | (c & d);
-            k = 0x8f1bbcdcu;
-        } else {
-            f = b ^ c ^ d;
-            k = 0xca62c1d6u;
-        }
-        uint32_t t = rol32(a, 5) + f + e + k + wi;
-        e = d;
-        d = c;
-        c = rol32(b, 30);
-        b = a;
-        a = t;
-    }
+    for (int i = 0; i < 16; ++i) SHA1_ROUND(d ^ (b & (c ^ d)), 0x5a827999u, w[i]);
+    for (int i = 16; i < 20; ++i) SHA1_ROUND(d ^ (b & (c ^ d)), 0x5a827999u, next(i));
+    for (int i = 20; i < 40; ++i) SHA1_ROUND(b ^ c ^ d, 0x6ed9eba1u, next(i));
+    for (int i = 40; i < 60; ++i) SHA1_ROUND((b & c) | (d & (b | c)), 0x8f1bbcdcu, next(i));
+    for (int i = 60; i < 80; ++i) SHA1_ROUND(b ^ c ^ d, 0xca62c1d6u, next(i));
     state[0] += a;
     state[1] += b;
     state[2] += c;
     state[3] += d;
     state[4] += e;
 }
+
+#undef SHA1_ROUND
 
 void Sha1Class::addUncounted(uint8_t b) {
     buffer[bufferOffset++] = b;
