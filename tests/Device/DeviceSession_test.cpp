@@ -436,3 +436,24 @@ TEST_F(DeviceSessionTest, RefusesBadConfigurationsAndCallsBeforeJoining) {
     BasicDeviceListMsg list;
     EXPECT_FALSE(session->requestDeviceList(list, 10));
 }
+
+TEST_F(DeviceSessionTest, SurvivesGarbageFromTheHub) {
+    ASSERT_TRUE(joinFully(config(hub))) << diags;
+    uint32_t x = 12345;
+    auto next = [&x] { return x = x * 1103515245u + 12345u, static_cast<uint8_t>(x >> 16); };
+    const uint8_t ids[] = {2, 4, 15, 19, 20, 31, 32, 34, 99};
+    for (int i = 0; i < 300; ++i) {
+        uint8_t buf[MAX_PACKET_SIZE];
+        size_t n = 1 + next() % 120 + (i % 3 == 0 ? next() : 0);
+        for (size_t k = 0; k < n; ++k) buf[k] = next();
+        buf[0] = ids[i % (sizeof(ids))];
+        if (n > 8) buf[8] = next() % 3;  // mostly valid signature types
+        hub.sock.sendTo(hub.device, buf, n);
+        if (i % 20 == 0) session->poll(1);
+    }
+    for (int i = 0; i < 20; ++i) session->poll(5);
+    EXPECT_EQ(DeviceSession::State::READY, session->state());
+    ASSERT_GE(session->sendDirect(1001, 0, 1, bytes(5, 1)), 1);
+    MessageCarrierPack p;
+    EXPECT_TRUE(hub.expect(p, session.get())) << "still sending";
+}
