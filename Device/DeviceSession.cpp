@@ -85,6 +85,7 @@ bool DeviceSession::start() {
     link.setDeviceId(0);
     link.setSigning(NO_SIGNATURE_TYPE, ByteArray<32>());
     sessKey = ByteArray<32>();
+    hubPacketNo = -1;
     offerSeen = false;
     discovered = false;
     joinProblem.clear();
@@ -284,6 +285,7 @@ bool DeviceSession::acceptPostJoin(VeltoPacket& pack, const uint8_t* data, size_
         diag("refused pack " + std::to_string(data[0]) + " addressed to node " + std::to_string(pack.devId));
         return false;
     }
+    hubPacketNo = pack.packetNo;
     return true;
 }
 
@@ -370,6 +372,8 @@ void DeviceSession::handleError(const uint8_t* data, size_t n) {
     if (st != State::CONFIGURING && st != State::READY) return;
     MessageError e;
     if (!readMessageError(data, n, e)) return diag("refused a malformed error pack from the hub");
+    VeltoPacket header;
+    if (header.deserialize(data, n, false) >= 1) hubPacketNo = header.packetNo;
     if (errorCb) errorCb(e);
 }
 

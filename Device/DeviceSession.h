@@ -97,6 +97,9 @@ public:
     const ByteArray<32>& sessionKey() const { return sessKey; }
     const std::string& assignedName() const { return nodeName; }
     const std::string& offeredDomain() const { return hubDomain; }
+    // The packet number of the last pack the hub sent in this session (after
+    // the join acceptance), or -1 when none has arrived since start().
+    int64_t lastHubPacketNo() const { return hubPacketNo; }
     const DeviceConfig& config() const { return cfg; }
     // The socket descriptor (for select), or -1 before start().
     int handle() const { return link.handle(); }
@@ -155,6 +158,7 @@ private:
     Timestamp configSentAt = 0;
     int lastObjectSent = -1;  // -1: the summary was the last configuration pack
     Timestamp lastHeard = 0;
+    int64_t hubPacketNo = -1;
     Timestamp lastPingSent = 0;
 
     MessageNo nextMsgNo = 1;

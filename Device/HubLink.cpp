@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace device {
@@ -65,7 +66,11 @@ bool HubLink::sendTo(const SockAddress& to, VeltoPacket& p) {
 
 int HubLink::receive(uint8_t* buffer, size_t capacity, SockAddress& from, uint32_t timeoutMs) {
     if (!sock.ok()) return -1;
-    return sock.recvWithTo(buffer, capacity, &from, timeoutMs);
+    errno = 0;
+    int n = sock.recvWithTo(buffer, capacity, &from, timeoutMs);
+    // A signal that cuts the wait short is the caller's business, not a
+    // socket failure.
+    return n < 0 && errno == EINTR ? 0 : n;
 }
 
 }  // namespace device

@@ -47,7 +47,8 @@ public:
     // The same towards any address (the multicast group while discovering).
     bool sendTo(const SockAddress& to, VeltoPacket& p);
     // Waits at most timeoutMs for one datagram. Returns its byte count (cut to
-    // capacity), 0 on time-out, -1 when closed or on a socket error.
+    // capacity), 0 on time-out or when a signal interrupted the wait, -1 when
+    // closed or on a socket error.
     int receive(uint8_t* buffer, size_t capacity, SockAddress& from, uint32_t timeoutMs);
 
 private:

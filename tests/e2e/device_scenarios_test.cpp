@@ -3,206 +3,72 @@
 // 127.0.0.1, with the device library in this process or with velto-device
 // processes. The hub joins a multicast group, so this binary refuses to run
 // outside a private network namespace (CTest starts it through tests/netns.sh).
-#include <fcntl.h>
-#include <net/if.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstring>
-#include <fstream>
+#include <algorithm>
 #include <map>
-#include <memory>
-#include <sstream>
-#include <thread>
 
-#include "Device/CliOptions.h"
-#include "Device/DeviceSession.h"
-#include "tests/support/test_support.h"
+#include "tests/support/device_scenario.h"
+#include "tests/support/http_server.h"
 
 using namespace device;
-using testsupport::TempDir;
+using namespace testsupport;
 
 namespace {
 
-// True when the only network interface is the loopback: we are inside a
-// private namespace and the hub's multicast join reaches nothing real.
-bool insidePrivateNetwork() {
-    struct if_nameindex* list = if_nameindex();
-    if (!list) return false;
-    bool onlyLo = true;
-    for (struct if_nameindex* i = list; i->if_index != 0; ++i)
-        if (std::string(i->if_name) != "lo") onlyLo = false;
-    if_freenameindex(list);
-    return onlyLo;
-}
+using Process = ChildProcess;
 
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+const char* const LIGHT_INTF =
+    "<?xml version=\"1.0\"?>\n"
+    "<Velto-interface name=\"Light\" def=\"1\">\n"
+    "  <messages>\n"
+    "    <message name=\"switch\" id=\"5\" type=\"direct\" direction=\"IN\" security=\"1\"/>\n"
+    "    <message name=\"changed\" id=\"7\" type=\"notification\" direction=\"OUT\" security=\"2\"/>\n"
+    "  </messages>\n"
+    "</Velto-interface>\n";
+const char* const DIMMER_INTF =
+    "<?xml version=\"1.0\"?>\n"
+    "<Velto-interface name=\"Dimmer\" def=\"1\">\n"
+    "  <messages><message name=\"level\" id=\"6\" type=\"direct\" security=\"3\"/></messages>\n"
+    "</Velto-interface>\n";
 
-// A child process with its standard input on a pipe and its output in files.
-class Process {
-public:
-    ~Process() { stop(); }
+// The documents of a lamp type on a loopback web server: the specification
+// maps the interface names "light" and "dimmer" to two interface documents on
+// the same server. Identifiers name the server as localhost:PORT.
+struct LampDocuments {
+    HttpServer web{HttpServer::Routes()};
+    std::string spec;
 
-    bool start(const std::vector<std::string>& argv, const std::string& dir, const std::string& name) {
-        outPath = dir + "/" + name + ".out";
-        errPath = dir + "/" + name + ".err";
-        int in[2];
-        if (pipe(in) != 0) return false;
-        pid = fork();
-        if (pid < 0) return false;
-        if (pid == 0) {
-            dup2(in[0], 0);
-            int o = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int e = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            dup2(o, 1);
-            dup2(e, 2);
-            close(in[0]);
-            close(in[1]);
-            if (chdir(dir.c_str()) != 0) _exit(126);
-            std::vector<char*> args;
-            for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-            args.push_back(nullptr);
-            execv(args[0], args.data());
-            _exit(127);
-        }
-        close(in[0]);
-        stdinFd = in[1];
-        return true;
+    LampDocuments() {
+        spec = "<?xml version=\"1.0\"?>\n<Velto-spec>\n  <info><specs>" + specId() +
+               "</specs><desc lang=\"en\">A dimmable lamp</desc></info>\n  <interfaces>\n"
+               "    <interface name=\"light\" intf=\"" + intfId("Light.1") + "\"/>\n"
+               "    <interface name=\"dimmer\" intf=\"" + intfId("Dimmer.1") + "\"/>\n"
+               "  </interfaces>\n</Velto-spec>\n";
+        web.setBody("/specs/lamp.1/device.spec", spec);
+        web.setBody("/intf/Light.1", LIGHT_INTF);
+        web.setBody("/intf/Dimmer.1", DIMMER_INTF);
     }
-
-    void writeLine(const std::string& line) {
-        std::string l = line + "\n";
-        if (stdinFd >= 0 && write(stdinFd, l.data(), l.size()) < 0) closeInput();
+    std::string host() const { return "localhost:" + std::to_string(web.port()); }
+    std::string specId() const { return host() + "/specs/lamp.1"; }
+    std::string intfId(const std::string& name) const { return host() + "/intf/" + name; }
+    size_t requests(const std::string& path) const {
+        std::vector<std::string> seen = web.connections();
+        return static_cast<size_t>(std::count(seen.begin(), seen.end(), "GET " + host() + " " + path));
     }
-    void closeInput() {
-        if (stdinFd >= 0) close(stdinFd);
-        stdinFd = -1;
-    }
-    std::string out() const { return testsupport::readFile(outPath); }
-    std::string err() const { return testsupport::readFile(errPath); }
-
-    // Waits until the output holds text; false after timeoutMs.
-    bool waitForOutput(const std::string& text, int timeoutMs) const {
-        for (int waited = 0; waited <= timeoutMs; waited += 20) {
-            if (out().find(text) != std::string::npos) return true;
-            sleepMs(20);
-        }
-        return false;
-    }
-    // The exit status, or -1 when it did not end within timeoutMs.
-    int waitExit(int timeoutMs) {
-        for (int waited = 0; pid > 0 && waited <= timeoutMs; waited += 20) {
-            int status = 0;
-            if (waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            sleepMs(20);
-        }
-        return -1;
-    }
-    void stop() {
-        closeInput();
-        if (pid <= 0) return;
-        kill(pid, SIGTERM);
-        if (waitExit(2000) < 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-        pid = -1;
-    }
-
-private:
-    pid_t pid = -1;
-    int stdinFd = -1;
-    std::string outPath, errPath;
 };
 
-std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
-    std::vector<uint8_t> d(n);
-    for (size_t i = 0; i < n; ++i) d[i] = static_cast<uint8_t>(seed + i * 37 + (i >> 8));
-    return d;
-}
+std::vector<uint8_t> bytes(const std::string& s) { return std::vector<uint8_t>(s.begin(), s.end()); }
 
-class DeviceScenarios : public ::testing::Test {
+class DeviceScenarios : public DeviceScenarioFixture {
 protected:
-    void SetUp() override {
-        if (!insidePrivateNetwork()) GTEST_SKIP() << "run inside a private network namespace (tests/netns.sh)";
-        ASSERT_EQ(0, mkdir(work.file("DB").c_str(), 0755));
+    // A record the hub finds at start: the device's main key and the signature
+    // type the hub signs the handshake with.
+    void seedKeyedRecord(const std::string& duid, const std::vector<uint8_t>& key, int sigType, DeviceID id) {
+        ASSERT_TRUE(writeFile(recordPath(duid), "DUID=" + duid + "\nMAIN_KEY=" + hexOf(key) + "\nID=" +
+                                                    std::to_string(id) + "\nNAME=keyed\nSIG_TYPE=" +
+                                                    std::to_string(sigType) + "\nENC_TYPE=1\n"));
     }
-    void TearDown() override {
-        sessions.clear();
-        hub.stop();
-    }
-
-    void startHub() {
-        ASSERT_TRUE(hub.start({VELTO_HUB_BIN}, work.path(), "hub"));
-        ASSERT_TRUE(hub.waitForOutput("Successfully bind", 5000)) << hub.err();
-    }
-
-    // A device session on the hub at 127.0.0.1, or found by discovery.
-    DeviceSession& device(const std::string& duid, bool discover = false, const std::string& domain = DEFAULT_DOMAIN,
-                          bool sign = false, std::vector<uint8_t> mainKey = {}) {
-        DeviceConfig c;
-        c.duid = duid;
-        c.specs = "t1";
-        c.domain = domain;
-        c.discover = discover;
-        c.hub = SockAddress("127.0.0.1", HUB_PORT);
-        c.sign = sign;
-        c.mainKey = std::move(mainKey);
-        c.objects = {DeviceObject{"obj0", "", 0, 0}, DeviceObject{"obj1", "", 0, 0}};
-        sessions.emplace_back(new Recorder(c));
-        return sessions.back()->session;
-    }
-    struct Recorder {
-        DeviceSession session;
-        std::vector<IncomingMessage> messages;
-        std::vector<MessageError> errors;
-        std::string diags;
-        explicit Recorder(const DeviceConfig& c) : session(c) {
-            session.onMessage([this](const IncomingMessage& m) { messages.push_back(m); });
-            session.onError([this](const MessageError& e) { errors.push_back(e); });
-            session.onDiagnostic([this](const std::string& d) { diags += d + "\n"; });
-        }
-    };
-    Recorder& rec(size_t i) { return *sessions[i]; }
-
-    // Polls every session until pred holds; false after timeoutMs.
-    template <class Pred>
-    bool pumpUntil(Pred pred, int timeoutMs) {
-        Timestamp end = currentTime() + static_cast<Timestamp>(timeoutMs);
-        while (!pred()) {
-            if (currentTime() >= end) return false;
-            for (auto& r : sessions)
-                if (r->session.state() != DeviceSession::State::IDLE) r->session.poll(2);
-        }
-        return true;
-    }
-    void pumpFor(int ms) {
-        pumpUntil([] { return false; }, ms);
-    }
-    bool joinAll(int timeoutMs = 8000) {
-        for (auto& r : sessions)
-            if (!r->session.start()) return false;
-        return pumpUntil(
-            [&] {
-                for (auto& r : sessions)
-                    if (r->session.state() != DeviceSession::State::READY) return false;
-                return true;
-            },
-            timeoutMs);
-    }
-    std::string cli() const { return VELTO_DEVICE_BIN; }
-
-    TempDir work;
-    Process hub;
-    std::vector<std::unique_ptr<Recorder>> sessions;
 };
 
 }  // namespace
@@ -320,21 +186,15 @@ TEST_F(DeviceScenarios, AWrongDomainIsRefusedAndTheJoinTimesOut) {
     EXPECT_NE(std::string::npos, p.err().find("domain")) << p.err();
 }
 
-TEST_F(DeviceScenarios, AMainKeyKnownToTheHubSignsTheHandshake) {
+TEST_F(DeviceScenarios, AMainKeyKnownToTheHubSignsTheHandshakeWithType1) {
     std::vector<uint8_t> key = pattern(20, 77);
-    std::string hex;
-    for (uint8_t b : key) {
-        char h[3];
-        snprintf(h, sizeof(h), "%02x", b);
-        hex += h;
-    }
-    ASSERT_TRUE(testsupport::writeFile(work.file("DB/keyed-01.dev"),
-                                       "DUID=keyed-01\nMAIN_KEY=" + hex + "\nID=1500\nNAME=keyed\nSIG_TYPE=1\nENC_TYPE=1\n"));
+    seedKeyedRecord("keyed-01", key, 1, 1500);
     startHub();
     DeviceSession& good = device("keyed-01", false, DEFAULT_DOMAIN, true, key);
     ASSERT_TRUE(good.join(5000)) << good.lastError() << rec(0).diags << hub.err();
     EXPECT_EQ(1500, good.nodeId());
     EXPECT_TRUE(rec(0).diags.empty()) << rec(0).diags;
+    EXPECT_EQ(recordValue("keyed-01", "SESSION_KEY"), hexOf(good.sessionKey())) << "recovered with the main key";
     sessions.clear();
     pumpFor(100);
 
@@ -342,6 +202,21 @@ TEST_F(DeviceScenarios, AMainKeyKnownToTheHubSignsTheHandshake) {
     DeviceSession& bad = device("keyed-01", false, DEFAULT_DOMAIN, false, wrong);
     EXPECT_FALSE(bad.join(2500));
     EXPECT_NE(std::string::npos, bad.lastError().find("does not verify")) << bad.lastError();
+}
+
+TEST_F(DeviceScenarios, Type2SignaturesCannotBeCheckedButTheHandshakeWorks) {
+    std::vector<uint8_t> key = pattern(24, 91);
+    seedKeyedRecord("keyed-02", key, 2, 1600);
+    startHub();
+    DeviceSession& d = device("keyed-02", false, DEFAULT_DOMAIN, false, key);
+    ASSERT_TRUE(d.join(5000)) << d.lastError() << rec(0).diags << hub.err();
+    EXPECT_EQ(1600, d.nodeId());
+    const std::string& diags = rec(0).diags;
+    EXPECT_NE(std::string::npos, diags.find("adoption offer signed with type 2: not checkable")) << diags;
+    EXPECT_NE(std::string::npos, diags.find("join acceptance signed with type 2: not checkable")) << diags;
+    EXPECT_EQ(recordValue("keyed-02", "SESSION_KEY"), hexOf(d.sessionKey())) << "recovered with the main key";
+    BasicDeviceListMsg list;
+    EXPECT_TRUE(d.requestDeviceList(list, 3000)) << d.lastError() << hub.err();
 }
 
 TEST_F(DeviceScenarios, DiscoveryFindsTheHubThroughItsGroup) {
@@ -398,4 +273,74 @@ TEST_F(DeviceScenarios, TheSimulatorFailsClearlyWithoutAHub) {
     ASSERT_TRUE(bad.start({cli(), "--hub", "127.0.0.1"}, work.path(), "bad"));
     EXPECT_EQ(2, bad.waitExit(5000));
     EXPECT_NE(std::string::npos, bad.err().find("--duid")) << bad.err();
+}
+
+TEST_F(DeviceScenarios, DocumentsFromAWebServerAreFiledAndGiveEachObjectItsRights) {
+    LampDocuments docs;
+    ASSERT_TRUE(docs.web.ok());
+    startHub();
+    DeviceConfig c = config("doc-lamp");
+    c.specs = docs.specId();
+    c.objects = {DeviceObject{"light", "light", 0, 0}, DeviceObject{"dimmer", "dimmer", 0, 0}};
+    DeviceSession& d = device(c);
+    ASSERT_TRUE(d.join(8000)) << d.lastError() << hub.out();
+    const std::string lastLine = "Loaded Rights for dev: " + docs.specId() + " iface: dimmer\n";
+    ASSERT_TRUE(hub.waitForOutput(lastLine, 3000)) << hub.out();
+    std::string log = hub.out();
+    // The server speaks plain HTTP: the https try fails, the http one files it.
+    std::string specUrl = docs.specId() + "/device.spec";
+    EXPECT_NE(std::string::npos, log.find("Downloading https://" + specUrl + " ... Failed. Error data size=0\n"));
+    EXPECT_NE(std::string::npos, log.find("Downloading http://" + specUrl + " ... OK as file DB/000000001.spec\n"))
+        << log;
+    EXPECT_EQ(docs.spec, readFile(work.file("DB/000000001.spec")));
+    EXPECT_EQ(docs.specId() + "\t000000001\n", readFile(work.file("DB/specs.idx")));
+    EXPECT_EQ(1u, docs.requests("/specs/lamp.1/device.spec")) << "the second object reads it from the store";
+
+    struct Object { const char* name; const char* intf; const char* number; const char* body; };
+    for (const Object& o : {Object{"light", "Light.1", "000000001", LIGHT_INTF},
+                            Object{"dimmer", "Dimmer.1", "000000002", DIMMER_INTF}}) {
+        std::string id = docs.intfId(o.intf);
+        EXPECT_NE(std::string::npos, log.find("istring=" + id + "\n")) << o.name;
+        EXPECT_NE(std::string::npos,
+                  log.find("Downloading http://" + id + " ... OK as file DB/" + o.number + ".intf\n"))
+            << o.name;
+        EXPECT_NE(std::string::npos, log.find("Loaded Rights for dev: " + docs.specId() + " iface: " + o.name + "\n"))
+            << o.name;
+        EXPECT_EQ(o.body, readFile(work.file(std::string("DB/") + o.number + ".intf"))) << o.name;
+    }
+    EXPECT_EQ(docs.intfId("Light.1") + "\t000000001\n" + docs.intfId("Dimmer.1") + "\t000000002\n",
+              readFile(work.file("DB/interfaces.idx")));
+    EXPECT_EQ(std::string::npos, log.find("Failed to Load Rights")) << log;
+}
+
+TEST_F(DeviceScenarios, TheLampExampleAnswersEveryMessage) {
+    startHub();
+    Process lamp;
+    ASSERT_TRUE(lamp.start({VELTO_LAMP_BIN, "--hub", "127.0.0.1", "--duid", "lamp-ex"}, work.path(), "lamp"));
+    ASSERT_TRUE(lamp.waitForOutput("lamp: joined as node ", 8000)) << lamp.err() << hub.err();
+    DeviceSession& sw = device("switch-ex");
+    ASSERT_TRUE(joinAll()) << hub.err();
+    BasicDeviceListMsg list;
+    ASSERT_TRUE(sw.requestDeviceList(list, 3000)) << sw.lastError();
+    DeviceID lampId = 0;
+    for (const BasicDeviceInfo& d : list.devList)
+        if (d.duid == "lamp-ex") lampId = d.id;
+    ASSERT_NE(0, lampId) << "listed";
+
+    const std::vector<std::pair<std::string, std::string>> talk = {
+        {"on", "light is on"}, {"how are you?", "light is on"}, {"off", "light is off"}};
+    for (const auto& t : talk) {
+        size_t before = rec(0).messages.size();
+        ASSERT_GE(sw.sendDirect(lampId, 0, 5, bytes(t.first), 1), 1);
+        ASSERT_TRUE(pumpUntil([&] { return rec(0).messages.size() > before; }, 5000)) << lamp.out() << lamp.err();
+        const IncomingMessage& answer = rec(0).messages.back();
+        EXPECT_EQ(bytes(t.second), answer.data) << t.first;
+        EXPECT_EQ(lampId, answer.selector.fromDeviceId);
+        EXPECT_EQ(1, answer.selector.toObjectNo) << "back to the object that asked";
+        EXPECT_EQ(5, answer.selector.msgId);
+        std::string heard = "lamp: message 5 from " + std::to_string(sw.nodeId()) + "/1: " + t.first + "\n";
+        EXPECT_NE(std::string::npos, lamp.out().find(heard)) << lamp.out();
+    }
+    EXPECT_EQ(0, lamp.terminate()) << lamp.err();
+    EXPECT_NE(std::string::npos, lamp.out().find("lamp: bye")) << lamp.out();
 }
