@@ -12,8 +12,9 @@
 // Single-threaded and event-driven: poll() processes what arrives and runs the
 // timers; join(), requestDeviceList(), waitForDelivery() and flush() poll for at
 // most the time they are given. Callbacks run inside those calls and must not
-// call them again. Nothing throws; failures are false or -1 results, with
-// lastError() telling why in one line.
+// call them again; they may send (sendDirect, notify, subscribe). Nothing
+// throws; failures are false or -1 results, with lastError() telling why in
+// one line.
 #pragma once
 
 #include <cstdint>
