@@ -46,7 +46,7 @@ using device::DeviceSession;
 namespace {
 
 const SockAddress HUB_ADDR("127.0.0.1", 1881);
-const char* const DOMAIN = "TestDomain_KVZ1";
+const char* const JOIN_DOMAIN = "TestDomain_KVZ1";
 bool privateMounts = false;  // main() made a private mount namespace
 
 void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
@@ -299,7 +299,7 @@ protected:
     std::string db() const { return work.file("DB"); }
     std::string recordPath(const std::string& duid) const { return db() + "/" + duid + ".dev"; }
 
-    // Every file of DB with its content.
+    // Every file of dir with its content.
     std::map<std::string, std::string> snapshot(const std::string& dir) const {
         std::map<std::string, std::string> s;
         for (const std::string& n : listDir(dir)) s[n] = readFile(dir + "/" + n);
@@ -311,14 +311,6 @@ protected:
 };
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    ::testing::InitGoogleTest(&argc, argv);
-    // Mounts made by a test stay in this process's own namespace (and its
-    // children's); without one, the test that needs them is skipped.
-    privateMounts = unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    return RUN_ALL_TESTS();
-}
 
 // ---------------------------------------------------------------------------
 // SIGKILL while records are written
@@ -375,7 +367,7 @@ std::vector<std::unique_ptr<SimDevice>> announceAndJoin(const std::vector<std::s
         devices.emplace_back(new SimDevice(duids[i]));
         SimDevice& d = *devices.back();
         NewBornDevicePack born = d.newBorn("k");
-        NetworkJoinPack join = d.joinRequest(DOMAIN, rng());
+        NetworkJoinPack join = d.joinRequest(JOIN_DOMAIN, rng());
         d.send(HUB_ADDR, born);
         d.send(HUB_ADDR, join);
         life.addrOf[duids[i]] = "[127.0.0.1]:" + std::to_string(d.address().port());
@@ -504,7 +496,6 @@ const int FLOOD_SOCKETS = 8;
 const int FLOOD_DUIDS = 64;  // announcements and joins mostly reuse these
 const long FLOOD_MEMORY_BOUND_KB = 5 * 1024;  // growth of the hub's resident memory allowed
 
-
 uint64_t random64(std::mt19937& rng) { return (static_cast<uint64_t>(rng()) << 32) | rng(); }
 
 // Up to maxLen random bytes, none of them NUL.
@@ -550,7 +541,7 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             auto p = std::make_unique<NetworkJoinPack>();
             p->duid = duid;
             p->nname = randomText(rng, 32);
-            p->domain = rng() % 2 ? std::string(DOMAIN) : randomText(rng, 32);
+            p->domain = rng() % 2 ? std::string(JOIN_DOMAIN) : randomText(rng, 32);
             p->generalFlags = static_cast<uint8_t>(rng());
             p->clientRand = random64(rng);
             p->addrType = static_cast<uint8_t>(rng() % 7);
@@ -879,9 +870,9 @@ Bytes overlongNewBorn(SimDevice& dev, const std::string& duid33) {
 }
 
 // Announces dev and asks to join; true when the hub offered and accepted.
-bool announceAndJoin(SimDevice& dev) {
+bool adoptAndJoin(SimDevice& dev) {
     NewBornDevicePack born = dev.newBorn("k");
-    NetworkJoinPack join = dev.joinRequest(DOMAIN, 77);
+    NetworkJoinPack join = dev.joinRequest(JOIN_DOMAIN, 77);
     AdoptionOfferPack offer;
     JoinAcceptedPack accepted;
     return dev.send(HUB_ADDR, born) && dev.receive(offer) && dev.send(HUB_ADDR, join) && dev.receive(accepted);
@@ -912,9 +903,9 @@ TEST_F(FaultTest, HostileDuidsWriteNothingOutsideDb) {
     all.insert(all.end(), plain.begin(), plain.end());
     for (const std::string& duid : all) {
         SimDevice dev(duid);
-        EXPECT_TRUE(announceAndJoin(dev)) << "no answer for [" << duid << "]";
+        EXPECT_TRUE(adoptAndJoin(dev)) << "no answer for [" << duid << "]";
         // The same address asks to join under another hostile DUID: refused.
-        NetworkJoinPack other = dev.joinRequest(DOMAIN, 5);
+        NetworkJoinPack other = dev.joinRequest(JOIN_DOMAIN, 5);
         other.duid = refused[duid.size() % refused.size()];
         dev.send(HUB_ADDR, other);
     }
@@ -953,4 +944,12 @@ TEST_F(FaultTest, HostileDuidsWriteNothingOutsideDb) {
     EXPECT_NE(std::string::npos, hub.out().find("add to map victim -- 1500 "));
     EXPECT_EQ(std::string::npos, hub.out().find("add to map intruder")) << "a forged record line was read back";
     EXPECT_EQ(victim, readFile(recordPath("victim")));
+}
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    // Mounts made by a test stay in this process's own namespace (and its
+    // children's); without one, the test that needs them is skipped.
+    privateMounts = unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    return RUN_ALL_TESTS();
 }
