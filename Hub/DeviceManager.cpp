@@ -22,6 +22,7 @@ ClientManager::ClientManager(ClientsDatabase& db_)
     : db(db_), eventArray(new EventEntry[MAX_EVENTS]), events(new MinHeap<EventEntry>(eventArray, MAX_EVENTS)) {}
 
 ClientManager::~ClientManager() {
+    freeLeftBehind();
     delete events;
     delete[] eventArray;
 }
@@ -56,7 +57,10 @@ ClientInfo* ClientManager::loadOtherNewComer(const SockAddress& addr, const std:
     if (id == 0) return nullptr;
     ClientInfo* fresh = new ClientInfo();
     newComers.insert(std::make_pair(addr, fresh));  // never replaces the existing entry
-    if (db.loadRecord(duid, fresh->record)) return fresh;
+    if (db.loadRecord(duid, fresh->record)) {
+        keepIfUnheld(addr, fresh);
+        return fresh;
+    }
     auto it = newComers.find(addr);
     if (it != newComers.end()) {
         // The old newcomer leaves the map here; the manager owns it, so it goes.
@@ -74,6 +78,7 @@ ClientInfo* ClientManager::createNewComer(const SockAddress& addr, const std::st
     // Kept: an entry already held for addr stays in the map; the fresh one is
     // returned all the same.
     newComers.insert(std::make_pair(addr, info));
+    keepIfUnheld(addr, info);
     ClientDBRec& rec = info->record;
     if (id != 0 && db.loadRecord(duid, rec)) {
         rec.lastConnect = now;  // lastRecvTime stays 0: the next clean-up drops it unless refreshed
@@ -111,8 +116,11 @@ ClientProxy* ClientManager::makeDeviceActive(ClientInfo* info, UdpSocket* socket
         return nullptr;
     }
     ClientProxy* proxy = new ClientProxy(*info, socket);
-    // Kept: a proxy already registered under this id is overwritten, not deleted.
-    devices[info->record.id] = proxy;
+    // Kept: a proxy already registered under this id is overwritten without any
+    // notice; only its memory is reclaimed, at the next clean-up.
+    ClientProxy*& slot = devices[info->record.id];
+    if (slot != nullptr) replaced.push_back(slot);
+    slot = proxy;
     newComers.erase(it);
     delete info;
     return proxy;
@@ -187,8 +195,30 @@ void ClientManager::writeRecord(const ClientDBRec& rec) {
 }
 
 void ClientManager::doCleanUp(Timestamp now) {
+    freeLeftBehind();
     dropIdleNewComers(now);
     probeSilentDevices(now);
+}
+
+// A ClientInfo that the map did not take under addr is remembered so that the
+// next clean-up frees it; otherwise every such one would be lost.
+void ClientManager::keepIfUnheld(const SockAddress& addr, ClientInfo* info) {
+    auto it = newComers.find(addr);
+    if (it == newComers.end() || it->second != info) unheld.push_back(info);
+}
+
+// The handlers that received these have long returned, and nothing refers to
+// a replaced proxy (every lookup goes by id). The copy of the record written
+// for an unheld newcomer goes too (at worst the flush writes an unchanged
+// record once more, as after a dropped newcomer).
+void ClientManager::freeLeftBehind() {
+    for (ClientInfo* info : unheld) {
+        lastWritten.erase(info->record.duid);
+        delete info;
+    }
+    unheld.clear();
+    for (ClientProxy* proxy : replaced) delete proxy;
+    replaced.clear();
 }
 
 void ClientManager::dropIdleNewComers(Timestamp now) {

@@ -108,7 +108,8 @@ public:
     static constexpr uint16_t FIRST_DEVICE_ID = 256;
 
     explicit ClientManager(ClientsDatabase& db);
-    // Frees the heap; the parties it still holds are not deleted (the process ends).
+    // Frees the heap, the unheld ClientInfos and the replaced proxies; the
+    // parties it still holds are not deleted (the process ends).
     ~ClientManager();
     ClientManager(const ClientManager&) = delete;
     ClientManager& operator=(const ClientManager&) = delete;
@@ -117,14 +118,20 @@ public:
     // that the database knows, a freshly loaded ClientInfo that the map does NOT
     // hold (kept asymmetry); null otherwise (a failed load also drops the
     // address's entry). Refreshes the held entry's lastRecvTime on success.
+    // A ClientInfo the map does not hold stays the manager's: it is valid until
+    // the next doCleanUp pass, which frees it.
     ClientInfo* getNewComer(const SockAddress& addr, const std::string& duid);
     // Registers a newcomer (an entry already held for addr is kept) and writes
     // its record: loaded and re-stamped for a known duid, a new id otherwise.
-    // Returns the fresh ClientInfo (state INITIALIZED); never null.
+    // Returns the fresh ClientInfo (state INITIALIZED); never null. When the map
+    // kept an older entry for addr, the result is valid until the next doCleanUp
+    // pass, as for getNewComer.
     ClientInfo* createNewComer(const SockAddress& addr, const std::string& duid, const std::string& specs,
                                uint8_t version, Timestamp now);
     // Turns a newcomer into a device session; null (with a line on standard
     // error) when info is null, has id 0, or is not a newcomer of this manager.
+    // A proxy already registered under the id is replaced without a word (kept)
+    // and freed by the next doCleanUp pass.
     ClientProxy* makeDeviceActive(ClientInfo* info, UdpSocket* socket);
     // 255 for a device that has been here before (firstConnect < lastConnect), else 200.
     uint8_t offerScoreForDevice(const ClientInfo& info);
@@ -149,8 +156,10 @@ public:
     // this manager last wrote it, whose file still reads back equal, is skipped:
     // the file already holds what the write would put there.
     void doFlush(Timestamp now);
-    // Drops newcomers silent for more than 45000 ms; asks (CHECK_RCV_TO, due
-    // now) for a probe of every device silent beyond its maxIddleTimeSeconds.
+    // Frees the ClientInfos handed out but not held (see getNewComer) and the
+    // proxies replaced by makeDeviceActive; drops newcomers silent for more than
+    // 45000 ms; asks (CHECK_RCV_TO, due now) for a probe of every device silent
+    // beyond its maxIddleTimeSeconds.
     void doCleanUp(Timestamp now);
     // Deactivates the proxy, tells every proxy and virtual client, deletes it.
     // Nothing for an unknown id.
@@ -161,11 +170,17 @@ public:
     const std::map<uint16_t, VirtualClient*>& allVirtualClients() const { return virtualClients; }
     const std::map<SockAddress, ClientInfo*>& allNewComers() const { return newComers; }
     size_t pendingEvents() const { return events ? events->size() : 0; }
+    // ClientInfos handed out but not held by the newcomer map, and proxies
+    // replaced under their id, not yet freed.
+    size_t unheldNewComers() const { return unheld.size(); }
+    size_t replacedDevices() const { return replaced.size(); }
 
 private:
     ClientInfo* loadOtherNewComer(const SockAddress& addr, const std::string& duid);
     void writeRecord(const ClientDBRec& rec);
     bool fileHolds(const ClientDBRec& rec);
+    void keepIfUnheld(const SockAddress& addr, ClientInfo* info);
+    void freeLeftBehind();
     void dropIdleNewComers(Timestamp now);
     void probeSilentDevices(Timestamp now);
 
@@ -177,4 +192,11 @@ private:
     MinHeap<EventEntry>* events;
     // duid -> the record this manager last wrote to that duid's file.
     std::map<std::string, ClientDBRec> lastWritten;
+    // ClientInfos returned to a caller that the newcomer map did not take (it
+    // kept the older entry of the address). Callers use them only until their
+    // handler returns; the next clean-up pass frees them.
+    std::vector<ClientInfo*> unheld;
+    // Proxies that a new session of the same id replaced in `devices`; nothing
+    // reaches them any more. Freed by the next clean-up pass.
+    std::vector<ClientProxy*> replaced;
 };

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <chrono>
 #include <csignal>
 #include <thread>
@@ -80,6 +81,7 @@ private:
 struct PeriodicDeadlines {
     Timestamp nextCleanup;
     Timestamp nextFlush;
+    uint32_t flushEvery;
 };
 
 // Milliseconds from now to deadline, 0 when it has passed.
@@ -109,7 +111,7 @@ void reportReceiveError() {
 void doPeriodicWork(PeriodicDeadlines& d, Timestamp now) {
     if (now >= d.nextFlush) {
         clientMgr.doFlush(now);
-        d.nextFlush = currentTime() + FlushInterval;
+        d.nextFlush = currentTime() + d.flushEvery;
     }
     if (now >= d.nextCleanup) {
         clientMgr.doCleanUp(now);
@@ -192,6 +194,16 @@ void CALL(const uint8_t* data, size_t size, uint8_t sigType, uint8_t encType, Pa
     handler(pack, peer, client);
 }
 
+uint32_t flushIntervalFromEnvironment() {
+    const char* text = std::getenv("VELTO_FLUSH_INTERVAL_MS");
+    if (text == nullptr || *text < '0' || *text > '9') return FlushInterval;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long ms = std::strtoul(text, &end, 10);
+    if (errno != 0 || *end != '\0' || ms < 1 || ms > FlushInterval) return FlushInterval;
+    return static_cast<uint32_t>(ms);
+}
+
 void stopMainThread() { stopRequested = 1; }
 
 bool mainThreadStopRequested() { return stopRequested != 0; }
@@ -248,7 +260,8 @@ void mainThread(UdpSocket& sock) {
     uint8_t recvBuffer[RECV_BUFFER_SIZE];
     PeriodicDeadlines deadlines;
     deadlines.nextCleanup = currentTime() + MaxCleanupInterval;
-    deadlines.nextFlush = currentTime() + FlushInterval;
+    deadlines.flushEvery = flushIntervalFromEnvironment();
+    deadlines.nextFlush = currentTime() + deadlines.flushEvery;
     EventBatch events;
 
     while (!stopRequested) {

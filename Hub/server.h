@@ -37,6 +37,13 @@ constexpr uint32_t MaxCleanupInterval = 1000;  // ms between clean-ups; also the
 constexpr uint32_t FlushInterval = 15050;      // ms between record flushes (the odd value is the designed one)
 constexpr size_t RECV_BUFFER_SIZE = 400;       // longer datagrams are cut to this by the socket
 
+// Test hook: the flush interval the loop uses, read once when mainThread
+// starts. 15050 unless the environment variable VELTO_FLUSH_INTERVAL_MS holds a
+// whole decimal number from 1 to 15050 (nothing else in it), which is then
+// taken instead; only the fault tests set it, to get many flushes quickly.
+// Prints nothing.
+uint32_t flushIntervalFromEnvironment();
+
 // The loop. Returns only after stopMainThread() (or a SIGTERM/SIGINT handler
 // installed by installStopSignalHandlers) was called, having finished the pass
 // in hand (the datagram in hand included).

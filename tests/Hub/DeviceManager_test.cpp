@@ -150,7 +150,35 @@ TEST_F(ManagerTest, AnotherKnownDuidAtAnAddressGivesAnObjectTheMapDoesNotHold) {
     EXPECT_EQ(nullptr, mgr.makeDeviceActive(found, &hub.sock));
     EXPECT_EQ(" failed to make device because no newcommers match the passed parameter\n",
               testing::internal::GetCapturedStderr());
-    delete found;
+}
+
+TEST_F(ManagerTest, InfosTheMapDidNotTakeStayValidUntilTheNextCleanUpFreesThem) {
+    ClientInfo* held = newcomer("lamp", 40001, 1000);
+    newcomer("switch", 40002, 1000);
+    // One address announcing ever new DUIDs, and another known DUID from it.
+    std::vector<ClientInfo*> unheld;
+    for (int i = 0; i < 40; ++i) unheld.push_back(newcomer("new-" + std::to_string(i), 40001, 2000));
+    unheld.push_back(mgr.getNewComer(at(40001), "switch"));
+    EXPECT_EQ(41u, mgr.unheldNewComers());
+    EXPECT_EQ(held, mgr.allNewComers().at(at(40001)));  // kept: the map keeps the older entry
+    EXPECT_EQ(2u, mgr.allNewComers().size());
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(nullptr, mgr.makeDeviceActive(unheld[0], &hub.sock));
+    testing::internal::GetCapturedStderr();
+    for (int i = 0; i < 40; ++i) {  // still whole; each new DUID has its record, by design
+        EXPECT_EQ("new-" + std::to_string(i), unheld[i]->record.duid);
+        EXPECT_EQ(1002 + i, unheld[i]->record.id);
+        EXPECT_NE(std::string::npos, recordText(unheld[i]->record.duid).find("ID=" + std::to_string(1002 + i)));
+    }
+    EXPECT_EQ("switch", unheld.back()->record.duid);
+
+    mgr.doCleanUp(2000);
+    EXPECT_EQ(0u, mgr.unheldNewComers());
+    EXPECT_EQ(held, mgr.allNewComers().at(at(40001)));  // what the map holds stays
+    EXPECT_EQ("lamp", held->record.duid);
+    EXPECT_EQ(2u, mgr.allNewComers().size());
+    EXPECT_EQ(1002 + 40, db.getNextFreeId());  // freeing gives no id back
 }
 
 TEST_F(ManagerTest, AnotherDuidWhoseRecordIsGoneDropsTheAddress) {
@@ -182,6 +210,26 @@ TEST_F(ManagerTest, MakeDeviceActiveTakesOnlyItsOwnNewcomers) {
     EXPECT_EQ(proxy, mgr.getClient(1000));
     EXPECT_EQ("old-name", proxy->status().prevn);
     EXPECT_TRUE(mgr.allNewComers().empty());
+}
+
+TEST_F(ManagerTest, ARejoinReplacesTheProxySilentlyAndTheNextCleanUpFreesIt) {
+    RecordingClient* vc = new RecordingClient();
+    mgr.addVirtualClient(1, vc);
+    ClientProxy* first = device("lamp", 40001);
+    ClientProxy* second = device("lamp", 40002);  // the same device joins again
+    ASSERT_NE(nullptr, second);
+    EXPECT_EQ(second, mgr.getClient(1000));
+    EXPECT_EQ(1u, mgr.allDevices().size());
+    EXPECT_EQ(1u, mgr.replacedDevices());
+    EXPECT_EQ(1000, first->record().id);  // still whole until the clean-up
+
+    testing::internal::CaptureStdout();
+    mgr.doCleanUp(1000);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(0u, mgr.replacedDevices());
+    EXPECT_EQ(second, mgr.getClient(1000));
+    EXPECT_EQ(std::string::npos, out.find("Will destroy"));  // kept: nobody is told
+    EXPECT_TRUE(vc->removed.empty());
 }
 
 // ---------------------------------------------------------------------------

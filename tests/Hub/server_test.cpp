@@ -310,3 +310,23 @@ TEST_F(ServerTest, GarbageDatagramsLeaveAKnownDeviceWorking) {
     deliverSigned(dev, summary, HMAC_SHA1_TYPE);
     EXPECT_TRUE(askedForObject(dev));
 }
+
+// ---------------------------------------------------------------------------
+// Flush interval test hook
+
+TEST(FlushIntervalSetting, OnlyAWholeNumberUpToTheDesignedIntervalIsTaken) {
+    const char* const name = "VELTO_FLUSH_INTERVAL_MS";
+    unsetenv(name);
+    EXPECT_EQ(FlushInterval, flushIntervalFromEnvironment());
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"1", 1}, {"40", 40}, {"15050", 15050},
+        // refused: the designed interval stays
+        {"0", FlushInterval}, {"15051", FlushInterval}, {"", FlushInterval}, {"25ms", FlushInterval},
+        {"-5", FlushInterval}, {" 7", FlushInterval}, {"99999999999999999999999", FlushInterval},
+    };
+    for (const auto& c : cases) {
+        setenv(name, c.first, 1);
+        EXPECT_EQ(c.second, flushIntervalFromEnvironment()) << '"' << c.first << '"';
+    }
+    unsetenv(name);
+}
