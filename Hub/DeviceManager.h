@@ -104,6 +104,8 @@ class ClientManager {
 public:
     static constexpr size_t MAX_EVENTS = 256;
     static constexpr uint32_t MaxNewCommerIddleTime = 45000;  // ms a newcomer may stay silent
+    // Node ids below this are virtual clients; devices are looked up from here on.
+    static constexpr uint16_t FIRST_DEVICE_ID = 256;
 
     explicit ClientManager(ClientsDatabase& db);
     // Frees the heap; the parties it still holds are not deleted (the process ends).
@@ -111,15 +113,25 @@ public:
     ClientManager(const ClientManager&) = delete;
     ClientManager& operator=(const ClientManager&) = delete;
 
+    // The newcomer at addr when duid is empty or matches it; for another duid
+    // that the database knows, a freshly loaded ClientInfo that the map does NOT
+    // hold (kept asymmetry); null otherwise (a failed load also drops the
+    // address's entry). Refreshes the held entry's lastRecvTime on success.
     ClientInfo* getNewComer(const SockAddress& addr, const std::string& duid);
+    // Registers a newcomer (an entry already held for addr is kept) and writes
+    // its record: loaded and re-stamped for a known duid, a new id otherwise.
+    // Returns the fresh ClientInfo (state INITIALIZED); never null.
     ClientInfo* createNewComer(const SockAddress& addr, const std::string& duid, const std::string& specs,
                                uint8_t version, Timestamp now);
     // Turns a newcomer into a device session; null (with a line on standard
     // error) when info is null, has id 0, or is not a newcomer of this manager.
     ClientProxy* makeDeviceActive(ClientInfo* info, UdpSocket* socket);
+    // 255 for a device that has been here before (firstConnect < lastConnect), else 200.
     uint8_t offerScoreForDevice(const ClientInfo& info);
+    // Always false: no device is avoided.
     bool avoidDevice(const SockAddress& addr, const std::string& duid, const std::string& specs, uint8_t version);
 
+    // The device's proxy or null.
     ClientProxy* getClient(uint16_t id);
     // Takes ownership; false when vc is null or id >= 256. Replaces (deletes)
     // a virtual client already registered under id.
@@ -133,8 +145,15 @@ public:
     // Returns the smallest due time retrieved, or limit.
     Timestamp retrievePendingEventsUpTo(std::vector<EventEntry>& out, Timestamp limit);
 
+    // Writes every device's record to the database. A record unchanged since
+    // this manager last wrote it, whose file still reads back equal, is skipped:
+    // the file already holds what the write would put there.
     void doFlush(Timestamp now);
+    // Drops newcomers silent for more than 45000 ms; asks (CHECK_RCV_TO, due
+    // now) for a probe of every device silent beyond its maxIddleTimeSeconds.
     void doCleanUp(Timestamp now);
+    // Deactivates the proxy, tells every proxy and virtual client, deletes it.
+    // Nothing for an unknown id.
     void destroyClient(uint16_t id);
 
     // Inspection, for the services and the tests.
@@ -144,10 +163,18 @@ public:
     size_t pendingEvents() const { return events ? events->size() : 0; }
 
 private:
+    ClientInfo* loadOtherNewComer(const SockAddress& addr, const std::string& duid);
+    void writeRecord(const ClientDBRec& rec);
+    bool fileHolds(const ClientDBRec& rec);
+    void dropIdleNewComers(Timestamp now);
+    void probeSilentDevices(Timestamp now);
+
     ClientsDatabase& db;
     std::map<SockAddress, ClientInfo*> newComers;
     std::map<uint16_t, ClientProxy*> devices;
     std::map<uint16_t, VirtualClient*> virtualClients;
     EventEntry* eventArray;
     MinHeap<EventEntry>* events;
+    // duid -> the record this manager last wrote to that duid's file.
+    std::map<std::string, ClientDBRec> lastWritten;
 };
