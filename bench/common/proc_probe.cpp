@@ -63,4 +63,23 @@ int64_t processRssKb(int pid) {
     return -1;
 }
 
+int64_t udpReceiveBufferDrops() {
+    // Two "Udp:" lines: field names, then values.
+    std::ifstream in("/proc/net/snmp");
+    std::string line, names;
+    while (std::getline(in, line)) {
+        if (line.compare(0, 4, "Udp:") != 0) continue;
+        if (names.empty()) {
+            names = line;
+            continue;
+        }
+        std::istringstream n(names), v(line);
+        std::string name, value;
+        while (n >> name && v >> value)
+            if (name == "RcvbufErrors") return std::stoll(value);
+        return -1;
+    }
+    return -1;
+}
+
 }  // namespace bench

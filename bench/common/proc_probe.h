@@ -1,4 +1,5 @@
-// Figures of another process read from /proc: CPU time used and resident memory.
+// Figures of another process read from /proc: CPU time used and resident memory;
+// and the namespace's count of UDP datagrams dropped for a full receive buffer.
 // Meant for single-threaded servers (the scheduler figure is that of the main
 // thread). Every function returns -1 when the process is gone or the file
 // cannot be read.
@@ -15,5 +16,9 @@ int64_t processCpuNs(int pid);
 
 // Resident set size (VmRSS of /proc/PID/status), in KiB.
 int64_t processRssKb(int pid);
+
+// Datagrams this network namespace dropped because a socket's receive buffer
+// was full (RcvbufErrors of the Udp line in /proc/net/snmp), or -1.
+int64_t udpReceiveBufferDrops();
 
 }  // namespace bench

@@ -20,7 +20,9 @@ struct BenchConfig {
     int warmupMs = 500;
     int measureMs = 3000;
     std::vector<int> scaleCounts{1000, 10000};
-    int probeMs = 16000;        // stall probe; covers at least one flush (every 15.05 s)
+    // Stall probe. The hub flushes 15.05 s after the end of its previous flush,
+    // so 25 s hold at least one whole flush that lasts up to 5 s.
+    int probeMs = 25000;
     int startupRepeats = 3;
     int hmacMs = 1000;
     int opensslSeconds = 2;
@@ -55,7 +57,8 @@ struct ThroughputData {
 };
 
 struct ScaleStep {
-    int devices = 0;
+    int devices = 0;  // joined by the generator
+    int alive = 0;    // still held by the hub (answered a ping) when memory was read
     long rssKb = -1;
     double joinSecs = 0;
     int failed = 0;
@@ -69,7 +72,9 @@ struct ScaleData {
     int stallDevices = 0;
     double stallSecs = 0, stallMaxMs = NAN, stallP50Us = NAN, stallP99Us = NAN;
     long stallPings = 0, stallLost = 0, stallWorstAtMs = 0, hubPingsAnswered = 0;
+    std::string stallSlowAtMs;  // when round trips of 50 ms or more ended, ms into the window
     size_t removals = 0;
+    long udpDrops = -1;         // datagrams dropped for a full receive buffer during the scale run
     size_t recordFiles = 0;
     double startupEmptyMs = NAN, startupFullMs = NAN;
     std::vector<std::string> problems;

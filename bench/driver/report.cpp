@@ -4,6 +4,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <fstream>
@@ -119,11 +120,12 @@ std::string throughputTable(const ThroughputData& t) {
 }
 
 std::string perDevice(const ScaleData& s, const ScaleStep& st) {
-    if (st.rssKb < 0 || s.baselineKb < 0 || st.devices <= 0) return "n/a";
-    double bytes = static_cast<double>(st.rssKb - s.baselineKb) * 1024.0 / st.devices;
+    if (st.rssKb < 0 || s.baselineKb < 0 || st.alive <= 0) return "n/a";
+    double bytes = static_cast<double>(st.rssKb - s.baselineKb) * 1024.0 / st.alive;
+    std::string held = st.alive == st.devices ? "all held" : withThousands(st.alive) + " still held by the hub";
     return fixed(bytes / 1024.0, 2) + " KiB per device (" + fixed(static_cast<double>(st.rssKb) / 1024.0, 1) +
-           " MiB resident; joined in " + fixed(st.joinSecs, 1) + " s" +
-           (st.failed > 0 ? ", " + std::to_string(st.failed) + " joins failed" : "") + ")";
+           " MiB resident; " + held + "; joined in " + fixed(st.joinSecs, 1) + " s" +
+           (st.failed > 0 ? ", " + std::to_string(st.failed) + " handshakes given up" : "") + ")";
 }
 
 std::string scaleTable(const ScaleData& s, const HmacData& h) {
@@ -136,13 +138,18 @@ std::string scaleTable(const ScaleData& s, const HmacData& h) {
             o << "| ... above idle with " << withThousands(st.devices) << " connected devices | " << perDevice(s, st)
               << " |\n";
         if (s.stallRan)
-            o << "| longest loop stall with " << withThousands(s.stallDevices) << " devices (ping round trip, "
-              << num(s.stallSecs, 0) << " s window holding at least one flush) | " << num(s.stallMaxMs, 1)
+            o << "| longest loop stall with " << withThousands(s.stallDevices)
+              << " devices: longest ping round trip in a " << num(s.stallSecs, 0)
+              << " s window (a flush starts 15.05 s after the previous one ended) | " << num(s.stallMaxMs, 1)
               << " ms (typical round trip: p50 " << num(s.stallP50Us, 0) << " us, p99 " << num(s.stallP99Us, 0)
-              << " us; " << s.stallPings << " pings, " << s.stallLost << " lost) |\n";
+              << " us; " << s.stallPings << " pings, " << s.stallLost << " unanswered; stalls of 50 ms or more ended at "
+              << (s.stallSlowAtMs.empty() ? "none" : s.stallSlowAtMs + " ms") << ") |\n";
         else
             o << "| longest loop stall during a flush | not measured in this mode |\n";
-        o << "| devices removed by the hub during the scale run | " << s.removals << " |\n";
+        o << "| devices removed by the hub during the scale run (though every device answers pings) | " << s.removals
+          << " |\n";
+        o << "| UDP datagrams dropped for a full receive buffer during the scale run | "
+          << (s.udpDrops >= 0 ? std::to_string(s.udpDrops) : "n/a") << " |\n";
         o << "| start-up to first answer, empty DB | " << num(s.startupEmptyMs, 1) << " ms |\n";
         o << "| start-up to first answer, " << withThousands(static_cast<double>(s.recordFiles))
           << " record files in DB | " << num(s.startupFullMs, 1) << " ms |\n";
@@ -258,11 +265,18 @@ bool plotThroughput(const BenchConfig& cfg, const ThroughputData& t, const std::
     std::string gp = cfg.workDir + "/plot.gp";
     if (!writeFile(dat, data.str())) return why = "cannot write " + dat, false;
 
+    std::string xtics;
+    int maxP = 1;
+    for (int p : t.plist) {
+        xtics += (xtics.empty() ? "" : ",") + std::to_string(p);
+        maxP = std::max(maxP, p);
+    }
     std::ostringstream s;
     s << "set terminal pngcairo size 1200,480 font 'sans,10'\n"
       << "set output '" << pngPath << "'\n"
       << "set multiplot layout 1,2 title 'Pair workload, 64-byte direct messages, closed loop (medians)'\n"
-      << "set logscale x 2\nset xtics (1,2,4,8,16,32,64)\nset xlabel 'pairs (P)'\nset grid\nset key top left\n"
+      << "set logscale x 2\nset xtics (" << xtics << ")\nset xrange [0.8:" << maxP * 1.25
+      << "]\nset xlabel 'pairs (P)'\nset grid\nset key top left\n"
       << "set title 'Throughput'\nset ylabel 'messages per second'\nset yrange [0:*]\n"
       << "plot ";
     for (size_t i = 0; i < shown.size(); ++i)

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "bench/common/proc_probe.h"
 #include "bench/common/result_line.h"
 #include "bench/driver/processes.h"
 #include "bench/driver/servers.h"
@@ -63,6 +64,7 @@ void runOne(const BenchConfig& cfg, const std::string& system, int round, Throug
                                      : startMosquitto(cfg, dir, why);
     if (s.pid < 0) return data.problems.push_back(where + ": " + why);
 
+    int64_t drops0 = udpReceiveBufferDrops();
     std::string genOut = dir + "/generator.out", genErr = dir + "/generator.err";
     int perPhaseMs = cfg.warmupMs + cfg.measureMs + 3000;
     int timeoutMs = 60000 + perPhaseMs * static_cast<int>(cfg.plist.size());
@@ -74,6 +76,9 @@ void runOne(const BenchConfig& cfg, const std::string& system, int round, Throug
         data.problems.push_back(where + ": generator exit " + std::to_string(status) + ": " +
                                 tailLine(readFile(genErr), 300));
     if (!serverAlive) data.problems.push_back(where + ": the server exited during the run");
+    int64_t drops = udpReceiveBufferDrops() - drops0;
+    if (drops0 >= 0 && drops > 0)
+        data.problems.push_back(where + ": " + std::to_string(drops) + " UDP datagrams dropped for a full receive buffer");
     if (system == "hub") {
         size_t removed = countLines(readFile(s.out), "Will destroy proxy for Device");
         if (removed > 0) data.problems.push_back(where + ": the hub removed " + std::to_string(removed) + " devices");

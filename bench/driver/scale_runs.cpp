@@ -9,6 +9,7 @@
 
 #include "bench/common/bench_clock.h"
 #include "bench/common/latency_stats.h"
+#include "bench/common/proc_probe.h"
 #include "bench/common/result_line.h"
 #include "bench/common/velto_packets.h"
 #include "bench/driver/processes.h"
@@ -36,6 +37,7 @@ void readScaleLines(const std::string& out, ScaleData& data) {
     for (const ResultFields& f : parseResults(out, "SCALE")) {
         ScaleStep st;
         st.devices = static_cast<int>(fieldNumber(f, "n", 0));
+        st.alive = static_cast<int>(fieldNumber(f, "alive", 0));
         st.rssKb = static_cast<long>(fieldNumber(f, "rss_kb", -1));
         st.joinSecs = fieldNumber(f, "join_secs", 0);
         st.failed = static_cast<int>(fieldNumber(f, "failed", 0));
@@ -53,6 +55,8 @@ void readScaleLines(const std::string& out, ScaleData& data) {
         data.stallLost = static_cast<long>(fieldNumber(f, "lost", 0));
         data.stallWorstAtMs = static_cast<long>(fieldNumber(f, "worst_at_ms", 0));
         data.hubPingsAnswered = static_cast<long>(fieldNumber(f, "hub_pings_answered", 0));
+        auto slow = f.find("slow_at_ms");
+        if (slow != f.end() && slow->second != "-") data.stallSlowAtMs = slow->second;
     }
 }
 
@@ -112,13 +116,14 @@ double opensslOpsPerSecond(const BenchConfig& cfg, const std::string& alg, std::
         if (::access(c, X_OK) == 0) openssl = c;
     if (openssl.empty()) return why = "openssl not found", NAN;
     std::string out = cfg.workDir + "/openssl-" + alg + ".out";
+    std::string err = cfg.workDir + "/openssl-" + alg + ".err";
     int status = runChild({{openssl, "speed", "-hmac", alg, "-bytes", "400", "-seconds",
                             std::to_string(cfg.opensslSeconds), "-mr"},
-                           cfg.workDir, out, cfg.workDir + "/openssl-" + alg + ".err"},
+                           cfg.workDir, out, err},
                           (cfg.opensslSeconds + 20) * 1000);
     if (status != 0) return why = "openssl speed exit " + std::to_string(status), NAN;
-    // Machine-readable result: +R:<count>:<name>:<seconds>
-    std::string text = readFile(out);
+    // Machine-readable count (on standard error): +R:<count>:<name>:<user CPU seconds>
+    std::string text = readFile(err) + readFile(out);
     size_t at = text.find("+R:");
     if (at == std::string::npos) return why = "no +R line from openssl speed", NAN;
     unsigned long long count = 0;
@@ -138,10 +143,11 @@ void runScale(const BenchConfig& cfg, ScaleData& data) {
     Server hub = startHub(cfg, dir, why);
     if (hub.pid < 0) return data.problems.push_back("scale: " + why);
     sleepMs(300);  // idle baseline: the loop has settled
+    int64_t drops0 = udpReceiveBufferDrops();
     std::string out = dir + "/scale.out", err = dir + "/scale.err";
     int most = 0;
     for (int c : cfg.scaleCounts) most = std::max(most, c);
-    int timeoutMs = 60000 + most * 30 + cfg.probeMs;
+    int timeoutMs = 120000 + most * 40 + cfg.probeMs;
     int status = runChild({{cfg.bin("velto-load"), "scale", "--port", std::to_string(HUB_PORT), "--server-pid",
                             std::to_string(hub.pid), "--counts", joinNumbers(cfg.scaleCounts), "--probe-ms",
                             std::to_string(cfg.probeMs)},
@@ -149,6 +155,8 @@ void runScale(const BenchConfig& cfg, ScaleData& data) {
                           timeoutMs);
     bool alive = childRunning(hub.pid);
     stopChild(hub.pid, 2000);
+    int64_t drops1 = udpReceiveBufferDrops();
+    if (drops0 >= 0 && drops1 >= drops0) data.udpDrops = static_cast<long>(drops1 - drops0);
     if (status != 0) data.problems.push_back("scale: generator exit " + std::to_string(status) + ": " +
                                              tailLine(readFile(err), 300));
     if (!alive) data.problems.push_back("scale: the hub exited during the run");

@@ -150,7 +150,7 @@ bool pumpOnce(Load& l, int waitMs) {
 void checkTimeouts(Load& l, uint64_t now) {
     for (size_t i = 0; i < l.pairs.size(); ++i) {
         PairState& st = l.pairs[i];
-        if (!st.inFlight || now - st.sentNs < GIVE_UP_NS) continue;
+        if (!st.inFlight || now <= st.sentNs || now - st.sentNs < GIVE_UP_NS) continue;
         ++l.timeouts;
         st.inFlight = false;
         if (l.sending && static_cast<int>(i) < l.activePairs) l.startMessage(i);

@@ -139,7 +139,7 @@ bool PairTraffic::handleReadable(size_t nodeIndex) {
 void PairTraffic::checkTimeouts(uint64_t now) {
     for (size_t i = 0; i < pairs.size(); ++i) {
         PairState& st = pairs[i];
-        if (!st.inFlight || now - st.sentNs < GIVE_UP_NS) continue;
+        if (!st.inFlight || now <= st.sentNs || now - st.sentNs < GIVE_UP_NS) continue;
         ++timeouts;
         st.inFlight = false;
         if (sending && static_cast<int>(i) < activePairs) startMessage(i);

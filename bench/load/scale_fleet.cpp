@@ -13,9 +13,17 @@ namespace bench {
 
 namespace {
 
-constexpr uint64_t STEP_RETRY_NS = 2000000000ull;   // a handshake step unanswered for 2 s
-constexpr int MAX_TRIES = 4;                        // sends of one step before giving up
-constexpr uint64_t PROBE_LOST_NS = 2000000000ull;   // a probe ping unanswered for 2 s
+// A hub busy with a flush can take seconds to answer: handshake steps are sent
+// again every 3 s and given up only after a minute.
+constexpr uint64_t STEP_RETRY_NS = 3000000000ull;
+constexpr int MAX_TRIES = 20;
+// A probe ping unanswered for 100 ms is followed by a fresh one: a ping dropped
+// on the way (the hub's receive queue overflows when many pongs arrive at once)
+// then costs little, while a ping held up by a stall is still timed in full.
+constexpr uint64_t PROBE_RESEND_NS = 100000000ull;
+constexpr uint64_t SLOW_NS = 50000000ull;            // round trips noted as slow
+constexpr uint64_t ROLL_CALL_KEY = 1ull << 63;       // roll-call pings carry index | this
+constexpr size_t MAX_OUTSTANDING_PROBES = 600;
 constexpr int MAX_EVENTS = 256;
 const char* const DOMAIN = "TestDomain_KVZ1";
 
@@ -151,16 +159,48 @@ void ScaleFleet::onPing(Device& d, const uint8_t* data, int n) {
         ++counters.pingsAnswered;
         return;
     }
-    // A pong: the answer to the probe when it echoes the probe's key.
-    if (!probing || &d != &devices[0] || p.replyKey != probeKey || probeSentNs == 0) return;
-    uint64_t now = nowNs();
-    uint64_t rtt = now - probeSentNs;
+    size_t index = static_cast<size_t>(&d - devices.data());
+    if (p.replyKey & ROLL_CALL_KEY) {
+        size_t who = static_cast<size_t>(p.replyKey & ~ROLL_CALL_KEY);
+        if (who == index && who < rollAnswered.size()) rollAnswered[who] = true;
+        return;
+    }
+    if (probing && index == 0) onProbeAnswer(p.replyKey, nowNs());
+}
+
+void ScaleFleet::onProbeAnswer(uint64_t key, uint64_t now) {
+    auto it = probeOutstanding.find(key);
+    if (it == probeOutstanding.end()) {
+        ++probeOut->stray;
+        return;
+    }
+    uint64_t rtt = now - it->second;
+    probeOutstanding.erase(it);
+    uint64_t atMs = (now - probeStartNs) / 1000000ull;
     if (probeOut->rttNs.empty() || rtt > probeMaxNs) {
         probeMaxNs = rtt;
-        probeOut->worstAtMs = (now - probeStartNs) / 1000000ull;
+        probeOut->worstAtMs = atMs;
     }
+    // Pings held up by the same stall end together: note each stall once.
+    std::vector<uint64_t>& slow = probeOut->slowAtMs;
+    if (rtt >= SLOW_NS && slow.size() < 20 && (slow.empty() || atMs > slow.back() + 500)) slow.push_back(atMs);
     probeOut->rttNs.push_back(rtt);
-    probeSentNs = 0;
+}
+
+// Sends the next probe ping when the last one has been answered, or a fresh one
+// beside a last ping that has waited too long (an older ping lost on the way
+// must not slow the probe down).
+void ScaleFleet::probeStep(uint64_t now) {
+    bool lastWaiting = probeOutstanding.count(probeKey) > 0;
+    if (lastWaiting && (now <= probeLastSendNs || now - probeLastSendNs < PROBE_RESEND_NS)) return;
+    if (probeOutstanding.size() >= MAX_OUTSTANDING_PROBES) return;
+    probeKey = mix64(probeKey + 1) & ~ROLL_CALL_KEY;
+    PingPongPack ping;
+    ping.pingOrPong = PingPongPack::PING;
+    ping.replyKey = probeKey;
+    probeLastSendNs = nowNs();
+    probeOutstanding[probeKey] = probeLastSendNs;
+    sendPack(devices[0], ping);
 }
 
 void ScaleFleet::handleReadable(size_t index) {
@@ -193,7 +233,7 @@ void ScaleFleet::handleReadable(size_t index) {
 void ScaleFleet::checkRetries(uint64_t now) {
     for (Device& d : devices) {
         if (d.stage == Stage::READY || d.stage == Stage::FAILED) continue;
-        if (now - d.lastSendNs < STEP_RETRY_NS) continue;
+        if (now <= d.lastSendNs || now - d.lastSendNs < STEP_RETRY_NS) continue;
         if (++d.tries >= MAX_TRIES) {
             d.stage = Stage::FAILED;
             ++failedCount;
@@ -220,18 +260,7 @@ bool ScaleFleet::pump(uint64_t deadlineNs, int growTarget, int window) {
             checkRetries(now);
             nextCheck = now + msToNs(100);
         }
-        if (probing && probeSentNs == 0) {
-            Device& d0 = devices[0];
-            probeKey = mix64(probeKey + 1);
-            PingPongPack ping;
-            ping.pingOrPong = PingPongPack::PING;
-            ping.replyKey = probeKey;
-            probeSentNs = nowNs();
-            sendPack(d0, ping);
-        } else if (probing && now - probeSentNs > PROBE_LOST_NS) {
-            ++probeOut->lost;
-            probeSentNs = 0;
-        }
+        if (probing) probeStep(now);
         int n = ::epoll_wait(epollFd, events, MAX_EVENTS, 5);
         for (int i = 0; i < n; ++i) handleReadable(static_cast<size_t>(events[i].data.u64));
     }
@@ -258,13 +287,47 @@ bool ScaleFleet::probe(uint64_t ms, ProbeResult& out) {
     out = ProbeResult();
     probeOut = &out;
     probing = true;
-    probeSentNs = 0;
+    probeOutstanding.clear();
     probeMaxNs = 0;
     probeStartNs = nowNs();
     pump(probeStartNs + msToNs(ms), 0, 0);
+    // Answers still on their way are waited for a little.
+    pump(nowNs() + msToNs(probeOutstanding.empty() ? 0 : 3000), 0, 0);
+    out.lost = probeOutstanding.size();
     probing = false;
     probeOut = nullptr;
     return true;
+}
+
+int ScaleFleet::rollCall(uint64_t timeoutMs) {
+    rollAnswered.assign(devices.size(), false);
+    uint64_t deadline = nowNs() + msToNs(timeoutMs);
+    // Small batches, each answered before the next goes out: a burst of
+    // hundreds would overflow the hub's receive queue.
+    const size_t batch = 32;
+    for (int pass = 0; pass < 3 && nowNs() < deadline; ++pass) {
+        for (size_t start = 0; start < devices.size() && nowNs() < deadline; start += batch) {
+            size_t end = std::min(devices.size(), start + batch);
+            size_t sent = 0;
+            for (size_t i = start; i < end; ++i) {
+                if (rollAnswered[i] || devices[i].id == 0) continue;
+                PingPongPack ping;
+                ping.pingOrPong = PingPongPack::PING;
+                ping.replyKey = ROLL_CALL_KEY | i;
+                sendPack(devices[i], ping);
+                ++sent;
+            }
+            uint64_t batchEnd = std::min(deadline, nowNs() + msToNs(sent ? 200 : 0));
+            while (nowNs() < batchEnd &&
+                   !std::all_of(rollAnswered.begin() + static_cast<long>(start),
+                                rollAnswered.begin() + static_cast<long>(end), [](bool a) { return a; }))
+                pump(std::min(batchEnd, nowNs() + msToNs(1)), 0, 0);
+        }
+    }
+    int answered = 0;
+    for (bool a : rollAnswered) answered += a ? 1 : 0;
+    rollAnswered.clear();
+    return answered;
 }
 
 }  // namespace bench

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,8 +26,10 @@ struct FleetStats {
 
 struct ProbeResult {
     std::vector<uint64_t> rttNs;     // one per answered probe ping
-    uint64_t lost = 0;               // probe pings not answered within 2 s
+    uint64_t lost = 0;               // probe pings never answered
+    uint64_t stray = 0;              // answers that matched no probe ping
     uint64_t worstAtMs = 0;          // when the longest round trip ended, ms after start
+    std::vector<uint64_t> slowAtMs;  // when stalls (round trips of 50 ms or more) ended (at most 20)
 };
 
 class ScaleFleet {
@@ -43,6 +46,10 @@ public:
     int connected() const { return readyCount; }
     // Answers pings (and finishes nothing new) for ms milliseconds.
     bool serve(uint64_t ms);
+    // Pings the hub from every connected device (a few hundred at a time) and
+    // counts the devices it answers, i.e. those it still holds. Waits at most
+    // timeoutMs. Returns that count.
+    int rollCall(uint64_t timeoutMs);
     // Device 0 pings the hub back to back for ms milliseconds while every device
     // keeps answering the hub. Returns false when no device is connected.
     bool probe(uint64_t ms, ProbeResult& out);
@@ -83,13 +90,22 @@ private:
     int failedCount = 0;
     FleetStats counters;
 
-    // Probe state (device 0).
+    void probeStep(uint64_t now);
+    void onProbeAnswer(uint64_t key, uint64_t now);
+
+    // Probe state (device 0). A ping unanswered for 100 ms is followed by a
+    // new one, but a late answer still counts with its own send time, so a
+    // long stall is measured in full.
     bool probing = false;
     uint64_t probeKey = 0;
-    uint64_t probeSentNs = 0;
+    std::map<uint64_t, uint64_t> probeOutstanding;  // key -> send time
+    uint64_t probeLastSendNs = 0;
     uint64_t probeStartNs = 0;
     uint64_t probeMaxNs = 0;
     ProbeResult* probeOut = nullptr;
+
+    // Roll-call state.
+    std::vector<bool> rollAnswered;
 };
 
 }  // namespace bench

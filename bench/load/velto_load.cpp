@@ -7,11 +7,13 @@
 //     devices first join the hub through the device library; with --target
 //     relay they only register with a ping. One RESULT line per pair count.
 //
-//   velto-load scale --port N --server-pid PID [--counts 1000,10000] [--window 32]
+//   velto-load scale --port N --server-pid PID [--counts 1000,10000] [--window 16]
 //                    [--settle-ms 1500] [--probe-ms 16000] [--join-timeout-ms 180000]
-//     Connects devices to the hub in steps and reads the hub's resident memory
-//     after each step (SCALE lines), then times the hub's answers to back-to-back
-//     pings from one device while all stay connected (one STALL line).
+//     Connects devices to the hub in steps; after each step counts the devices
+//     the hub still answers (a ping from each) and reads the hub's resident
+//     memory (SCALE lines). Then times the hub's answers to back-to-back pings
+//     from one device while all stay connected (one STALL line; slow_at_ms
+//     lists when round trips of 50 ms or more ended).
 //
 // Exit status 0 when everything ran, 1 otherwise (with a line on standard error).
 #include <cstdio>
@@ -32,6 +34,12 @@
 namespace {
 
 using bench::fixed;
+
+// Progress on standard error, stamped with seconds since the process started.
+void progress(const std::string& what) {
+    static const uint64_t start = bench::nowNs();
+    std::fprintf(stderr, "velto-load: %.3f s: %s\n", static_cast<double>(bench::nowNs() - start) / 1e9, what.c_str());
+}
 
 int failWith(const std::string& why) {
     std::fprintf(stderr, "velto-load: %s\n", why.c_str());
@@ -134,7 +142,7 @@ int runScale(const bench::CliArgs& args) {
     uint16_t port = static_cast<uint16_t>(args.number("port", 1881));
     int pid = static_cast<int>(args.number("server-pid", 0));
     std::vector<int> counts = args.numberList("counts", {1000, 10000});
-    int window = static_cast<int>(args.number("window", 32));
+    int window = static_cast<int>(args.number("window", 16));
     uint64_t settleMs = static_cast<uint64_t>(args.number("settle-ms", 1500));
     uint64_t probeMs = static_cast<uint64_t>(args.number("probe-ms", 16000));
     uint64_t joinTimeoutMs = static_cast<uint64_t>(args.number("join-timeout-ms", 180000));
@@ -144,6 +152,7 @@ int runScale(const bench::CliArgs& args) {
     long limit = bench::raiseDescriptorLimit(most + 256);
     if (limit < most + 64) return failWith("descriptor limit " + std::to_string(limit) + " is too low");
 
+    progress("scale start");
     int64_t baseline = bench::processRssKb(pid);
     bench::ScaleFleet fleet(port, "bench-scale-");
     for (int c : counts) {
@@ -151,9 +160,14 @@ int runScale(const bench::CliArgs& args) {
         std::string why;
         if (!fleet.growTo(c, window, joinTimeoutMs, why)) return failWith("joining " + std::to_string(c) + ": " + why);
         double joinSecs = static_cast<double>(bench::nowNs() - t0) / 1e9;
+        progress("joined " + std::to_string(fleet.connected()));
         fleet.serve(settleMs);
+        int alive = fleet.rollCall(30000);
+        progress("roll call: " + std::to_string(alive) + " answered");
+        fleet.serve(500);
         int64_t rss = bench::processRssKb(pid);
         std::printf("%s\n", bench::formatResult("SCALE", {{"n", std::to_string(fleet.connected())},
+                                                          {"alive", std::to_string(alive)},
                                                           {"rss_kb", std::to_string(rss)},
                                                           {"baseline_kb", std::to_string(baseline)},
                                                           {"join_secs", fixed(joinSecs, 3)},
@@ -164,19 +178,25 @@ int runScale(const bench::CliArgs& args) {
     }
     if (probeMs == 0) return 0;
     bench::ProbeResult pr;
+    progress("probe start");
     if (!fleet.probe(probeMs, pr)) return failWith("no device to probe with");
+    progress("probe end");
     uint64_t maxNs = 0;
     for (uint64_t v : pr.rttNs) maxNs = std::max(maxNs, v);
     std::vector<uint64_t> rtt = pr.rttNs;
+    std::string slowList;
+    for (uint64_t t : pr.slowAtMs) slowList += (slowList.empty() ? "" : ",") + std::to_string(t);
     std::printf("%s\n",
                 bench::formatResult("STALL", {{"n", std::to_string(fleet.connected())},
                                               {"secs", fixed(static_cast<double>(probeMs) / 1e3, 1)},
                                               {"pings", std::to_string(pr.rttNs.size())},
                                               {"lost", std::to_string(pr.lost)},
+                                              {"stray", std::to_string(pr.stray)},
                                               {"p50_us", fixed(static_cast<double>(bench::percentile(rtt, 0.5)) / 1e3, 1)},
                                               {"p99_us", fixed(static_cast<double>(bench::percentile(rtt, 0.99)) / 1e3, 1)},
                                               {"max_ms", fixed(static_cast<double>(maxNs) / 1e6, 2)},
                                               {"worst_at_ms", std::to_string(pr.worstAtMs)},
+                                              {"slow_at_ms", slowList.empty() ? "-" : slowList},
                                               {"hub_pings_answered", std::to_string(fleet.stats().pingsAnswered)}})
                     .c_str());
     return 0;
