@@ -18,7 +18,7 @@ struct BenchConfig {
     int rounds = 3;
     std::vector<int> plist{1, 8, 32};
     int warmupMs = 500;
-    int measureMs = 3000;
+    int measureMs = 4000;
     std::vector<int> scaleCounts{1000, 10000};
     // Stall probe. The hub flushes 15.05 s after the end of its previous flush,
     // so 25 s hold at least one whole flush that lasts up to 5 s.

@@ -177,6 +177,16 @@ std::string methodNotes(const BenchConfig& cfg) {
          "nothing else. mosquitto: Debian's broker, persistence off, Nagle off on both sides; at QoS 0 A waits only "
          "for B's receipt, at QoS 1 also for the broker's PUBACK.\n";
     o << "- Velto packs travel unsigned (signature type 0), as devices send them when not asked to sign.\n";
+    o << "- The generator's own CPU time per message is in latest.csv. At the ceiling relay's rates it needs about as "
+         "much CPU as the relay, so on a 2-core machine the ceiling figures at larger P are bounded by both "
+         "processes.\n";
+    o << "- Scale: devices join through the full handshake, each from its own socket, and answer every ping of the "
+         "hub. Memory is the hub's VmRSS above its idle figure, divided by the devices it still answers. Just before "
+         "the stall probe every device exchanges a ping with the hub, so the flush inside the probe window has every "
+         "record to write, as with a fleet in which every device talks. Start-up time runs from the start of the "
+         "process to its first answer to an announcing device.\n";
+    o << "- HMAC: the project's Sha1Class / Sha256Class keyed over one 400-byte buffer per operation, timed by CPU "
+         "time; `openssl speed -hmac ALG -bytes 400` also divides by CPU time.\n";
     return o.str();
 }
 
