@@ -14,6 +14,12 @@ int hexDigit(char c) {
     return -1;
 }
 
+// Sets why and returns false, for one-line refusals.
+bool refuse(std::string& why, const std::string& text) {
+    why = text;
+    return false;
+}
+
 bool isOption(const std::string& a) { return a.size() > 2 && a.compare(0, 2, "--") == 0; }
 
 bool parseObject(const std::string& text, DeviceObject& out) {
@@ -57,26 +63,26 @@ bool applyOption(const std::vector<std::string>& args, size_t& i, CliOptions& o,
     if (a == "--duid") {
         d.duid = v;
     } else if (a == "--hub") {
-        if (!parseHubAddress(v, d.hub)) return why = "bad hub address \"" + v + "\" (give a.b.c.d[:port])", false;
+        if (!parseHubAddress(v, d.hub)) return refuse(why, "bad hub address \"" + v + "\" (give a.b.c.d[:port])");
         d.discover = false;
     } else if (a == "--domain") {
         d.domain = v;
     } else if (a == "--main-key") {
         if (!parseHex(v, d.mainKey) || d.mainKey.empty())
-            return why = "bad main key \"" + v + "\" (give 2 to 64 hex digits)", false;
+            return refuse(why, "bad main key \"" + v + "\" (give 2 to 64 hex digits)");
     } else if (a == "--specs") {
         d.specs = v;
     } else if (a == "--name") {
         d.name = v;
     } else if (a == "--timeout") {
         uint32_t ms = 0;
-        if (!parseNumber(v, 3600000, ms) || ms == 0) return why = "bad time-out \"" + v + "\"", false;
+        if (!parseNumber(v, 3600000, ms) || ms == 0) return refuse(why, "bad time-out \"" + v + "\"");
         o.joinTimeoutMs = static_cast<int>(ms);
     } else {
         // --object NAME:INTERFACE, and more of them up to the next option.
         for (;;) {
             DeviceObject obj;
-            if (!parseObject(v, obj)) return why = "bad object \"" + v + "\" (give NAME:INTERFACE)", false;
+            if (!parseObject(v, obj)) return refuse(why, "bad object \"" + v + "\" (give NAME:INTERFACE)");
             d.objects.push_back(obj);
             if (i + 1 >= args.size() || isOption(args[i + 1])) break;
             v = args[++i];

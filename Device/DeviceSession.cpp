@@ -140,12 +140,12 @@ bool DeviceSession::join(int timeoutMs) {
 std::string DeviceSession::joinFailure(int timeoutMs) const {
     std::string within = " within " + std::to_string(timeoutMs) + " ms";
     if (st == State::CONFIGURING) return "the hub did not complete the configuration exchange" + within;
+    if (!joinProblem.empty()) return "join not accepted: " + joinProblem;
     if (!offerSeen) {
         if (cfg.discover)
             return "no hub answered the announcement to " + addressText(discoveryAddress()) + within;
         return "no answer from the hub at " + addressText(cfg.hub) + within + " (is it running?)";
     }
-    if (!joinProblem.empty()) return "join not accepted: " + joinProblem;
     std::string msg = "join not accepted by the hub" + within + "; maybe the domain \"" + cfg.domain + "\" is wrong";
     if (!hubDomain.empty() && hubDomain != cfg.domain) msg += " (the hub offered \"" + hubDomain + "\")";
     return msg;
@@ -157,7 +157,10 @@ void DeviceSession::handleOffer(const uint8_t* data, size_t n, const SockAddress
     SignatureCheck check;
     if (!decodeAndCheck(offer, data, n, mainKey, check)) return diag("refused a malformed adoption offer");
     if (offer.duid != cfg.duid) return;  // meant for another device
-    if (check == SignatureCheck::BAD) return diag("refused an adoption offer whose signature does not verify");
+    if (check == SignatureCheck::BAD) {
+        joinProblem = "the hub's signature on its adoption offer does not verify (wrong main key?)";
+        return diag("refused adoption offer: " + joinProblem);
+    }
     if (check == SignatureCheck::NOT_CHECKABLE)
         diag("adoption offer signed with type 2: not checkable by the protocol, accepted unchecked");
     link.setHubId(offer.svrNodeId);
@@ -438,6 +441,8 @@ void DeviceSession::reportDeliveries() {
     for (const DeliveryResult& r : outbox.takeResults()) {
         finished[r.msgNo] = r.delivered;
         if (finished.size() > MAX_REMEMBERED_OUTCOMES) finished.erase(finished.begin());
+        // The device list request is the session's own business.
+        if (r.msgNo == internalMsgNo) continue;
         if (deliveryCb) deliveryCb(r);
     }
 }
@@ -574,6 +579,7 @@ bool DeviceSession::requestDeviceList(BasicDeviceListMsg& out, int timeoutMs) {
         listWanted = false;
         return false;
     }
+    internalMsgNo = static_cast<MessageNo>(no);
     while (!listArrived) {
         auto it = finished.find(static_cast<MessageNo>(no));
         if (it != finished.end() && !it->second) {

@@ -162,6 +162,7 @@ private:
     MessageInbox inbox;
     std::map<MessageNo, bool> finished;  // recent delivery outcomes
 
+    MessageNo internalMsgNo = 0;  // the last device list request (not reported)
     bool listWanted = false;
     bool listArrived = false;
     std::vector<uint8_t> listReply;

@@ -201,6 +201,7 @@ void ClientManager::dropIdleNewComers(Timestamp now) {
         DeviceID id = info ? info->record.id : 0;
         std::string duid = info ? info->record.duid : std::string();
         delete info;
+        lastWritten.erase(duid);  // bounds the copies; at worst one extra write later
         std::cout << "ClientManager::doCleanUp: Delete newcommer id=" << id << " duid=" << duid << '\n';
         it = newComers.erase(it);
     }

@@ -55,8 +55,3 @@ TEST(MessageErrorReader, RefusesOtherPacksAndTruncation) {
     EXPECT_EQ("untouched", e.text);
 }
 
-TEST(MessageErrorReader, NamesTheKnownCodes) {
-    EXPECT_EQ("permission denied", errorCodeName(10));
-    EXPECT_EQ("deserialization error", errorCodeName(1));
-    EXPECT_EQ("error 12345", errorCodeName(12345));
-}

@@ -69,16 +69,6 @@ protected:
 
 }  // namespace
 
-TEST_F(HubConsoleConnectorTest, RecordDescribesTheHubsOwnNode) {
-    EXPECT_EQ(1, hub.record().id);
-    EXPECT_EQ("VHubMainServices", hub.record().duid);
-    EXPECT_EQ("HubMainServices", hub.record().assignedName);
-    EXPECT_EQ(1, hub.record().version);
-    EXPECT_EQ(std::string(HUB_VENDOR_DOMAIN) + "/Velto/specs/std/HubMainServices.1", hub.record().specs);
-    EXPECT_EQ(2u, hub.noOfObjects());
-    EXPECT_EQ(NodeStatusInfo::UNKNOW, hub.status().state);
-}
-
 TEST_F(HubConsoleConnectorTest, DirectMessagesAreRoutedByObjectNumber) {
     instrument();
     deliver(message(DIRECT_MSGCAT, 1, 0, 11));

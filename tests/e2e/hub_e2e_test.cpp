@@ -388,6 +388,16 @@ TEST_F(HubE2E, SigtermExitsZeroWithRecordsFlushed) {
     EXPECT_EQ(std::string::npos, hub.err().find("Error while receiving"));
 }
 
+TEST_F(HubE2E, SecondHubOnTheSamePortExitsWithOne) {
+    TempDir other;
+    ASSERT_EQ(0, mkdir(other.file("DB").c_str(), 0755));
+    HubProcess second;
+    ASSERT_TRUE(second.start(other.path()));
+    EXPECT_TRUE(second.waitFor("Failed to bind\n"));
+    EXPECT_EQ(1, second.stop(0, WAIT_MS));  // signal 0: only wait for the exit
+    EXPECT_EQ(std::string::npos, second.out().find("Successfully bind"));
+}
+
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     if (argc > 1)

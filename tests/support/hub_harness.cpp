@@ -28,8 +28,6 @@ void HubFixture::TearDown() {
     EXPECT_EQ(0, chdir(oldCwd.c_str()));
 }
 
-SockAddress HubFixture::hubAddress() const { return SockAddress("127.0.0.1", boundPort(hubSock)); }
-
 void HubFixture::deliverBytes(const Bytes& bytes, const SockAddress& from) {
     handleDatagram(bytes.data(), bytes.size(), from, hubSock);
 }

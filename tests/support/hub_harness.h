@@ -28,8 +28,6 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // 127.0.0.1 and the hub socket's port.
-    SockAddress hubAddress() const;
     // Hands the bytes to the hub's classification as a datagram from `from`.
     void deliverBytes(const Bytes& bytes, const SockAddress& from);
     // The pack as dev would send it (devId stamped), handed to the hub.

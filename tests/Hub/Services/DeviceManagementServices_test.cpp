@@ -162,10 +162,3 @@ TEST_F(DeviceManagementServicesTest, ErrorReplyGoesThroughTheFromNodesProxy) {
     EXPECT_EQ(DIRECT_MSGCAT, d[14]);  // category
     EXPECT_EQ(3, d[17]);             // fromObjectNo
 }
-
-TEST_F(DeviceManagementServicesTest, EveryClientMatchesWhateverTheFilters) {
-    RequestBasicDeviceListMsg req;
-    req.withName = "nobody";
-    req.haveObjectWithIface = "none";
-    EXPECT_TRUE(service.matchRequest(ClientDBRec(), NodeStatusInfo(), req));
-}
