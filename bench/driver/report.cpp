@@ -119,12 +119,13 @@ std::string throughputTable(const ThroughputData& t) {
     return o.str();
 }
 
-std::string perDevice(const ScaleData& s, const ScaleStep& st) {
+std::string perDevice(const ScaleData& s, const ScaleStep& st, int before) {
     if (st.rssKb < 0 || s.baselineKb < 0 || st.alive <= 0) return "n/a";
     double bytes = static_cast<double>(st.rssKb - s.baselineKb) * 1024.0 / st.alive;
     std::string held = st.alive == st.devices ? "all held" : withThousands(st.alive) + " still held by the hub";
     return fixed(bytes / 1024.0, 2) + " KiB per device (" + fixed(static_cast<double>(st.rssKb) / 1024.0, 1) +
-           " MiB resident; " + held + "; joined in " + fixed(st.joinSecs, 1) + " s" +
+           " MiB resident; " + held + "; " + withThousands(st.devices - before) + " joined in " +
+           fixed(st.joinSecs, 1) + " s" +
            (st.failed > 0 ? ", " + std::to_string(st.failed) + " handshakes given up" : "") + ")";
 }
 
@@ -134,9 +135,12 @@ std::string scaleTable(const ScaleData& s, const HmacData& h) {
     if (s.ran) {
         o << "| velto-hub resident memory, idle | "
           << (s.baselineKb >= 0 ? fixed(static_cast<double>(s.baselineKb) / 1024.0, 1) + " MiB" : "n/a") << " |\n";
-        for (const ScaleStep& st : s.steps)
-            o << "| ... above idle with " << withThousands(st.devices) << " connected devices | " << perDevice(s, st)
-              << " |\n";
+        int before = 0;
+        for (const ScaleStep& st : s.steps) {
+            o << "| ... above idle with " << withThousands(st.devices) << " connected devices | "
+              << perDevice(s, st, before) << " |\n";
+            before = st.devices;
+        }
         if (s.stallRan)
             o << "| longest loop stall with " << withThousands(s.stallDevices)
               << " devices: longest ping round trip in a " << num(s.stallSecs, 0)
