@@ -54,6 +54,7 @@ struct Load {
     uint64_t errors = 0;
     int connected = 0;
     int subscribed = 0;
+    std::vector<pollfd> fds;  // reused by every pass of the loop
 
     void startMessage(size_t pair);
     void finishIfComplete(size_t pair);
@@ -126,7 +127,8 @@ void onMessage(mosquitto*, void* obj, const mosquitto_message* msg) {
 // One pass of the event loop: waits at most waitMs for any socket, reads what is
 // readable and writes what is pending. Returns false when a connection failed.
 bool pumpOnce(Load& l, int waitMs) {
-    std::vector<pollfd> fds(l.clients.size());
+    std::vector<pollfd>& fds = l.fds;
+    fds.resize(l.clients.size());
     for (size_t i = 0; i < l.clients.size(); ++i) {
         mosquitto* m = l.clients[i]->m;
         fds[i].fd = mosquitto_socket(m);
