@@ -1,0 +1,245 @@
+// Fuzzes the wire format: the input is one datagram, or several carrier packs
+// one after another.
+//
+// 1. The bytes go through deserialize of every pack type with signature
+//    checking on and a session key set. A pack that reads is written again and
+//    that form must read back to the same bytes (a fixed point), type-1
+//    signatures made on the way must verify and type-2 ones never do (kept).
+// 2. The bytes are read as a stream of MessageCarrierPacks whose pieces feed a
+//    MsgReceiver, checked step by step against a plain model of reassembly.
+//    The reassembled message is then sent through a MsgSender to a second
+//    receiver, with acknowledgement positions taken from the input.
+// 3. The device-management message bodies, when that module is built.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "Velto/Velto.h"
+#include "Velto/msg_sequencers.h"
+#include "fuzz/fuzz_support.h"
+#ifdef VELTO_FUZZ_DM_BODIES
+#include "Velto/Interfaces/DeviceManagementInterface.h"
+#endif
+
+namespace {
+
+const uint8_t kKey[20] = {0x5e, 0x55, 0x10, 0x4b, 0x00, 0xff, 0x21, 0x9a, 0x3c, 0x77,
+                          0x80, 0x01, 0xde, 0xad, 0xbe, 0xef, 0x42, 0x13, 0x37, 0x66};
+// Largest message the reassembly stage allocates, whatever msgSize says.
+const uint32_t kMaxMessage = 4096;
+const int kMaxPieces = 64;
+const int kMaxSends = 256;
+
+// ---- 1. every pack type
+
+// True when every text holds at most its capacity (a sender that exceeds a cap
+// makes the reader keep one more character, and such a pack does not
+// re-read as written: kept wire behaviour).
+template <typename... Texts>
+bool within(const Texts&... t) {
+    return ((t.size() <= t.capacity()) && ...);
+}
+
+bool textsFit(const NewBornDevicePack& p) { return within(p.duid, p.specs, p.prevn, p.prevdom); }
+bool textsFit(const AdoptionOfferPack& p) { return within(p.duid, p.nname, p.domain); }
+bool textsFit(const NetworkJoinPack& p) { return within(p.duid, p.nname, p.domain); }
+bool textsFit(const JoinAcceptedPack& p) { return within(p.duid); }
+bool textsFit(const ConfigSummaryPack& p) { return within(p.duid); }
+bool textsFit(const ObjectInfoPack& p) { return within(p.name, p.interface, p.sParam1, p.sParam2); }
+bool textsFit(const MessageErrorPack& p) { return within(p.optErorMsg); }
+bool textsFit(const VeltoPacket&) { return true; }
+
+template <typename Pack>
+void checkPack(const uint8_t* data, size_t size) {
+    Pack p;
+    p.signature.setKey(HMAC_SHA1_TYPE, kKey, sizeof(kKey));
+    const int n = p.deserialize(data, size, true);
+    FUZZ_CHECK(n == -1 || (n >= 10 && static_cast<size_t>(n) <= size));
+    if (n < 0) return;
+    const uint8_t sigType = data[8];
+    if (sigType == NO_SIGNATURE_TYPE) FUZZ_CHECK(p.signature.verified());
+    if (sigType >= HMAC_SHA256_TYPE) FUZZ_CHECK(!p.signature.verified());
+    if (!textsFit(p)) return;
+
+    uint8_t first[MAX_PACKET_SIZE];
+    const int m = p.serialize(first, sizeof(first));
+    FUZZ_CHECK(m >= 10);  // every pack within its caps fits the send buffer
+
+    Pack q;
+    q.signature.setKey(HMAC_SHA1_TYPE, kKey, sizeof(kKey));
+    FUZZ_CHECK(q.deserialize(first, static_cast<size_t>(m), true) == m);
+    if (sigType == HMAC_SHA1_TYPE) FUZZ_CHECK(q.signature.verified());
+    if (sigType >= HMAC_SHA256_TYPE) FUZZ_CHECK(!q.signature.verified());
+    uint8_t second[MAX_PACKET_SIZE];
+    FUZZ_CHECK(q.serialize(second, sizeof(second)) == m);
+    FUZZ_CHECK(memcmp(first, second, static_cast<size_t>(m)) == 0);
+}
+
+void checkEveryPack(const uint8_t* data, size_t size) {
+    checkPack<VeltoPacket>(data, size);
+    checkPack<NewBornDevicePack>(data, size);
+    checkPack<AdoptionOfferPack>(data, size);
+    checkPack<NetworkJoinPack>(data, size);
+    checkPack<JoinAcceptedPack>(data, size);
+    checkPack<ConfigSummaryPack>(data, size);
+    checkPack<GetObjectInfoPack>(data, size);
+    checkPack<ObjectInfoPack>(data, size);
+    checkPack<ConfigurationCompletePack>(data, size);
+    checkPack<PingPongPack>(data, size);
+    checkPack<MessageCarrierPack>(data, size);
+    checkPack<MessageCarrierACKPack>(data, size);
+    checkPack<NotificationSubscriptionPack>(data, size);
+    checkPack<MessageErrorPack>(data, size);
+}
+
+// ---- 2. sequencers
+
+// What a receiver should hold: the bytes taken so far and whether a gap is
+// waiting to be acknowledged.
+struct ReassemblyModel {
+    std::vector<uint8_t> bytes;
+    uint32_t held = 0;
+    bool gapSeen = false;
+
+    explicit ReassemblyModel(uint32_t size) : bytes(size) {}
+    uint32_t size() const { return static_cast<uint32_t>(bytes.size()); }
+
+    // Mirrors one put; returns whether the piece is taken.
+    bool put(const uint8_t* piece, uint32_t pos, uint32_t len) {
+        if (pos > held) {
+            gapSeen = true;
+            return false;
+        }
+        const uint32_t taken = len < size() - pos ? len : size() - pos;
+        if (taken) memcpy(bytes.data() + pos, piece, taken);
+        held = pos + taken;
+        return true;
+    }
+    // Mirrors sendAck; returns whether one is due.
+    bool ackDue() {
+        const bool due = gapSeen || held == size();
+        if (due) gapSeen = false;
+        return due;
+    }
+};
+
+// Feeds one piece to both, then compares them.
+void putPiece(MsgReceiver& rx, const std::vector<uint8_t>& rxBuf, ReassemblyModel& model,
+              const MessageCarrierPack& piece) {
+    const uint32_t len = static_cast<uint32_t>(piece.payload.size());
+    const bool expected = model.put(piece.payload.data(), piece.packetStart, len);
+    FUZZ_CHECK(rx.put(piece.payload.data(), piece.packetStart, len) == expected);
+    FUZZ_CHECK(rx.size() == model.held);
+    uint32_t ackPos = 0xFFFFFFFFu;
+    const bool due = model.ackDue();
+    FUZZ_CHECK(rx.sendAck(ackPos) == due);
+    if (due) FUZZ_CHECK(ackPos == model.held);
+    FUZZ_CHECK(memcmp(rxBuf.data(), model.bytes.data(), model.held) == 0);
+    if (model.held == model.size()) {
+        FUZZ_CHECK(rx.getStatus() == MsgReceiver::DONE);
+        FUZZ_CHECK(rx.getMsgInfo().checksum == messageChecksum(model.bytes.data(), model.size()));
+    } else {
+        FUZZ_CHECK(rx.getStatus() != MsgReceiver::DONE && rx.getStatus() != MsgReceiver::EMPTY);
+    }
+}
+
+// Sends the message through a MsgSender to a fresh receiver. Before each
+// acknowledgement of the whole message, up to eight positions read from ackSrc
+// are acknowledged first (making the sender go back).
+void sendThrough(const std::vector<uint8_t>& msg, const MsgSelector& ms, const uint8_t* ackSrc, size_t ackLeft) {
+    const uint32_t size = static_cast<uint32_t>(msg.size());
+    MsgSender tx;
+    FUZZ_CHECK(tx.setNewMessage(msg.data(), size, ms));
+    FUZZ_CHECK(!tx.setNewMessage(msg.data(), size, ms));
+    FUZZ_CHECK(tx.getMsgInfo().msgSize == size);
+    const uint32_t sum = messageChecksum(msg.data(), size);
+    FUZZ_CHECK(tx.getMsgInfo().checksum == sum);
+
+    std::vector<uint8_t> buf(size);
+    MsgReceiver rx;
+    FUZZ_CHECK(rx.init(buf.data(), size, ms));
+    int earlyAcks = 0;
+    for (int i = 0; i < kMaxSends && tx.getStatus() != MsgSender::DONE; ++i) {
+        const MsgSender::SenderStatus st = tx.getStatus();
+        if (st == MsgSender::SEND_NOW) {
+            MessageCarrierPack pk;
+            FUZZ_CHECK(tx.getNextPack(pk));
+            FUZZ_CHECK(pk.checksum == sum && pk.msgSize == size);
+            FUZZ_CHECK(pk.payload.size() > 0 && pk.packetStart + pk.payload.size() <= size);
+            // The sender only goes back to positions the receiver holds.
+            FUZZ_CHECK(rx.put(pk.payload.data(), pk.packetStart, static_cast<uint32_t>(pk.payload.size())));
+            continue;
+        }
+        FUZZ_CHECK(st == MsgSender::WAITING_FOR_ACK || st == MsgSender::TIMEOUT);
+        uint32_t pos = size;
+        if (earlyAcks < 8 && ackLeft >= 2) {
+            pos = static_cast<uint32_t>((ackSrc[0] << 8 | ackSrc[1]) % (size + 1));
+            ackSrc += 2;
+            ackLeft -= 2;
+            ++earlyAcks;
+        }
+        FUZZ_CHECK(tx.processAck(pos, tx.getMsgInfo()));
+    }
+    FUZZ_CHECK(tx.getStatus() == MsgSender::DONE);
+    FUZZ_CHECK(rx.getStatus() == MsgReceiver::DONE);
+    FUZZ_CHECK(buf == msg);
+    tx.clear();
+    FUZZ_CHECK(tx.getStatus() == MsgSender::EMPTY);
+}
+
+void checkSequencers(const uint8_t* data, size_t size) {
+    MessageCarrierPack piece;
+    int n = piece.deserialize(data, size, false);
+    if (n <= 0 || piece.msgSize == 0) return;
+    const uint32_t msgSize = piece.msgSize < kMaxMessage ? piece.msgSize : kMaxMessage;
+    MsgSelector ms;
+    ms = piece;
+
+    std::vector<uint8_t> buf(msgSize);
+    ReassemblyModel model(msgSize);
+    MsgReceiver rx;
+    FUZZ_CHECK(rx.init(buf.data(), msgSize, ms));
+    FUZZ_CHECK(!rx.init(buf.data(), msgSize, ms));
+    const uint8_t* cursor = data;
+    size_t left = size;
+    for (int i = 0; i < kMaxPieces && n > 0; ++i) {
+        putPiece(rx, buf, model, piece);
+        cursor += n;
+        left -= static_cast<size_t>(n);
+        n = piece.deserialize(cursor, left, false);
+    }
+    sendThrough(model.bytes, ms, data, size);
+    rx.clear();
+    FUZZ_CHECK(rx.getStatus() == MsgReceiver::EMPTY);
+}
+
+// ---- 3. device-management bodies
+
+#ifdef VELTO_FUZZ_DM_BODIES
+template <typename Body>
+void checkBody(const uint8_t* data, size_t size) {
+    Body b;
+    const uint8_t* cursor = data;
+    size_t left = size;
+    b.getFromBuffer(cursor, left);
+    FUZZ_CHECK(left <= size && cursor == data + (size - left));
+}
+
+void checkBodies(const uint8_t* data, size_t size) {
+    checkBody<RequestBasicDeviceListMsg>(data, size);
+    checkBody<BasicDeviceInfo>(data, size);
+    checkBody<BasicDeviceListMsg>(data, size);
+}
+#else
+void checkBodies(const uint8_t*, size_t) {}
+#endif
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    checkEveryPack(data, size);
+    checkSequencers(data, size);
+    checkBodies(data, size);
+    return 0;
+}
