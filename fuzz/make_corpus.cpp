@@ -260,6 +260,13 @@ void writeDocuments(const std::string& dir) {
     writeText(dir + "/prefixed.spec",
               "HTTP/1.1 200 OK\r\n\r\n<<?xml <?xml version=\"1.0\"?><Velto-spec><info>"
               "<specs>x</specs></info></Velto-spec>");
+    // Longer than one 8192-byte read, so that elements straddle two reads.
+    std::string longDoc = "<?xml version=\"1.0\"?>\n<Velto-interface name=\"Long.1\">\n <messages>\n";
+    for (int i = 0; longDoc.size() < 8600; ++i)
+        longDoc += "  <message name=\"M" + std::to_string(i) + "\" id=\"" + std::to_string(i) +
+                   "\" type=\"direct\" direction=\"IN\"><field name=\"f\" type=\"uint8\"/></message>\n";
+    longDoc += " </messages>\n</Velto-interface>\n";
+    writeText(dir + "/long.intf", longDoc);
     writeText(dir + "/entity.intf",
               "<?xml version=\"1.0\"?><!DOCTYPE Velto-interface [<!ENTITY n \"Name\">]>"
               "<Velto-interface name=\"&n;\"><inherits>&n;.1</inherits></Velto-interface>");
