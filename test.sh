@@ -13,10 +13,14 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j2
 (cd build && ctest --output-on-failure -j2)
 
-# The sanitizer options of the tests are set by CMake (tests/CMakeLists.txt).
+# Every test, and every program a test starts, stops at its first sanitizer
+# report with a failure; leaks count too.
 cmake -S . -B build-san -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=ON
 cmake --build build-san -j2
-(cd build-san && ctest --output-on-failure -j2)
+(cd build-san &&
+    ASAN_OPTIONS=halt_on_error=1:abort_on_error=1:detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1 \
+    UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+    ctest --output-on-failure -j2)
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DVELTO_FUZZ=ON -DVELTO_BUILD_TESTS=OFF

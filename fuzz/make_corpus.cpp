@@ -1,6 +1,7 @@
 // Writes the seed corpora of the fuzz harnesses: real packets of every pack
-// type (unsigned and signed), carrier streams of a message in pieces, sample
-// client record files and sample specification and interface documents.
+// type (unsigned and signed), carrier streams of a message in pieces, the
+// device-management message bodies, sample client record files and sample
+// specification and interface documents.
 //
 // Usage: make_corpus <corpus dir>; writes <dir>/fuzz_packs, <dir>/fuzz_record
 // and <dir>/fuzz_xml (which must exist). Returns 0 when every file was written.
@@ -11,6 +12,9 @@
 
 #include "Velto/Velto.h"
 #include "Velto/msg_sequencers.h"
+#ifdef VELTO_FUZZ_DM_BODIES
+#include "Velto/Interfaces/DeviceManagementInterface.h"
+#endif
 
 namespace {
 
@@ -188,6 +192,51 @@ void writeCarrierStream(const std::string& dir, const std::string& name, uint32_
     writeSeed(dir + "/" + name, stream.data(), stream.size());
 }
 
+#ifdef VELTO_FUZZ_DM_BODIES
+// Device-management message bodies as they travel inside carried messages.
+template <typename Body>
+void writeBody(const std::string& dir, const std::string& name, const Body& body, size_t room) {
+    std::vector<uint8_t> buf(room);
+    uint8_t* cursor = buf.data();
+    size_t left = buf.size();
+    if (!body.addToBuffer(cursor, left)) {
+        fprintf(stderr, "body %s does not fit\n", name.c_str());
+        failed = true;
+        return;
+    }
+    writeSeed(dir + "/" + name, buf.data(), buf.size() - left);
+}
+
+void writeBodies(const std::string& dir) {
+    RequestBasicDeviceListMsg request;
+    request.flags = 1;
+    request.matchSpecs = "acme.example/Velto/specs/Lamp.1";
+    request.withName = "lamp";
+    request.haveObjectWithIface = "Light.1";
+    writeBody(dir, "dm-request-device-list", request, MAX_PACKET_SIZE);
+
+    BasicDeviceListMsg list;
+    BasicDeviceInfo hub;
+    hub.id = 1;
+    hub.duid = "VHubMainServices";
+    hub.nname = "HubMainServices";
+    hub.hubId = 17;
+    hub.domain = "TestDomain_KVZ1";
+    BasicDeviceInfo lamp = hub;
+    lamp.id = 1000;
+    lamp.duid = "lamp-00:11:22";
+    lamp.specs = "acme.example/Velto/specs/Lamp.1";
+    lamp.intVer = 1;
+    lamp.status = 3;
+    lamp.nname = "lamp";
+    lamp.noOfObjects = 2;
+    list.devList = {lamp, hub};
+    writeBody(dir, "dm-device-list", list, list.estimateRequiredSize());
+}
+#else
+void writeBodies(const std::string&) {}
+#endif
+
 void writeRecords(const std::string& dir) {
     writeText(dir + "/full.dev",
               "DUID=fuzzdev\n"
@@ -285,6 +334,7 @@ int main(int argc, char** argv) {
     writeCarrierStream(packs, "31-carrier-one-piece", 100, {0}, HMAC_SHA1_TYPE);
     writeCarrierStream(packs, "31-carrier-in-order", 700, {0, 1, 2}, NO_SIGNATURE_TYPE);
     writeCarrierStream(packs, "31-carrier-gap-repeat", 1000, {0, 2, 1, 0, 1, 2, 3}, NO_SIGNATURE_TYPE);
+    writeBodies(packs);
     writeRecords(root + "/fuzz_record");
     writeDocuments(root + "/fuzz_xml");
     return failed ? 1 : 0;
