@@ -5,8 +5,9 @@
 //    ClientsDatabase scans it (preloadCache) and loadRecord reads it. The file
 //    must load exactly when a line "DUID=fuzzdev" was accepted, and then give
 //    the record of step 1; the cache must hold its id under its DUID.
-// 3. A loaded record is written back with updateRecord and read again: nothing
-//    stored may be lost or changed by the round trip.
+// 3. A loaded record is written back with updateRecord and read again, by
+//    DUID and by node id: nothing stored may be lost or changed by the round
+//    trip.
 #include <cstddef>
 #include <cstdint>
 #include <sstream>
@@ -75,5 +76,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ClientDBRec reread;
     FUZZ_CHECK(db.loadRecord(kDuid, reread));
     FUZZ_CHECK(sameRecord(reread, loaded));
+    // By node id: a written record is cached under its id, even id 0.
+    FUZZ_CHECK(db.objectIdFor(kDuid) == loaded.id);
+    ClientDBRec byId;
+    FUZZ_CHECK(db.loadRecord(static_cast<unsigned>(loaded.id), byId));
+    FUZZ_CHECK(sameRecord(byId, loaded));
     return 0;
 }
