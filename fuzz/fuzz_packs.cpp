@@ -8,7 +8,8 @@
 // 2. The bytes are read as a stream of MessageCarrierPacks whose pieces feed a
 //    MsgReceiver, checked step by step against a plain model of reassembly.
 //    The reassembled message is then sent through a MsgSender to a second
-//    receiver, with acknowledgement positions taken from the input.
+//    receiver; while it waits, acknowledgements, fallbacks and foreign
+//    acknowledgements chosen by the input come first.
 // 3. The same bytes as each device-management message body (once that module
 //    is implemented); a body read within its caps is written back (the device
 //    list within its own size estimate) and must be a fixed point too.
@@ -31,7 +32,8 @@ const uint8_t kKey[20] = {0x5e, 0x55, 0x10, 0x4b, 0x00, 0xff, 0x21, 0x9a, 0x3c, 
 // Largest message the reassembly stage allocates, whatever msgSize says.
 const uint32_t kMaxMessage = 4096;
 const int kMaxPieces = 64;
-const int kMaxSends = 256;
+const int kMaxSends = 1024;
+const int kMaxActions = 16;
 
 // ---- 1. every pack type
 
@@ -146,10 +148,39 @@ void putPiece(MsgReceiver& rx, const std::vector<uint8_t>& rxBuf, ReassemblyMode
     }
 }
 
-// Sends the message through a MsgSender to a fresh receiver. Before each
-// acknowledgement of the whole message, up to eight positions read from ackSrc
-// are acknowledged first (making the sender go back).
-void sendThrough(const std::vector<uint8_t>& msg, const MsgSelector& ms, const uint8_t* ackSrc, size_t ackLeft) {
+// One reaction of the receiving side while the sender waits, chosen by two
+// input bytes: an acknowledgement of a position (by value or by pack), a
+// fallback to the last piece, or an acknowledgement for another message
+// followed by a reset to the last acknowledgement's time (kept quirk).
+void waitingStep(MsgSender& tx, uint32_t size, const uint8_t* act, int& failures) {
+    const unsigned kind = act[0] & 3u;
+    const uint32_t pos = static_cast<uint32_t>(((act[0] >> 2) << 8 | act[1]) % (size + 1));
+    if (kind == 0) {
+        FUZZ_CHECK(tx.processAck(pos, tx.getMsgInfo()));
+    } else if (kind == 1) {
+        MessageCarrierACKPack ack;
+        tx.getMsgInfo().copyTo(ack);
+        ack.lastSeqNo = pos;
+        FUZZ_CHECK(tx.processAck(ack));
+    } else if (kind == 2) {
+        FUZZ_CHECK(tx.fallbackToLastSentSequence());
+        ++failures;
+        FUZZ_CHECK(tx.getStatus() == MsgSender::SEND_NOW);
+    } else {
+        MsgSelector other = tx.getMsgInfo();
+        other.msgId = static_cast<MessageID>(other.msgId + 1);
+        FUZZ_CHECK(!tx.processAck(pos, other));
+        FUZZ_CHECK(tx.getStatus() != MsgSender::SEND_NOW);
+        tx.resetToLastAckedSequence();  // result depends on the clock
+        ++failures;
+    }
+    FUZZ_CHECK(tx.tooManyFailures() == (failures > MsgSender::MaxConssecutiveFailues));
+}
+
+// Sends the message through a MsgSender to a fresh receiver. While the sender
+// waits, up to kMaxActions reactions read from actSrc come first; then the
+// whole message is acknowledged.
+void sendThrough(const std::vector<uint8_t>& msg, const MsgSelector& ms, const uint8_t* actSrc, size_t actLeft) {
     const uint32_t size = static_cast<uint32_t>(msg.size());
     MsgSender tx;
     FUZZ_CHECK(tx.setNewMessage(msg.data(), size, ms));
@@ -161,7 +192,8 @@ void sendThrough(const std::vector<uint8_t>& msg, const MsgSelector& ms, const u
     std::vector<uint8_t> buf(size);
     MsgReceiver rx;
     FUZZ_CHECK(rx.init(buf.data(), size, ms));
-    int earlyAcks = 0;
+    int actions = 0;
+    int failures = 0;
     for (int i = 0; i < kMaxSends && tx.getStatus() != MsgSender::DONE; ++i) {
         const MsgSender::SenderStatus st = tx.getStatus();
         if (st == MsgSender::SEND_NOW) {
@@ -174,18 +206,20 @@ void sendThrough(const std::vector<uint8_t>& msg, const MsgSelector& ms, const u
             continue;
         }
         FUZZ_CHECK(st == MsgSender::WAITING_FOR_ACK || st == MsgSender::TIMEOUT);
-        uint32_t pos = size;
-        if (earlyAcks < 8 && ackLeft >= 2) {
-            pos = static_cast<uint32_t>((ackSrc[0] << 8 | ackSrc[1]) % (size + 1));
-            ackSrc += 2;
-            ackLeft -= 2;
-            ++earlyAcks;
+        if (actions < kMaxActions && actLeft >= 2) {
+            waitingStep(tx, size, actSrc, failures);
+            actSrc += 2;
+            actLeft -= 2;
+            ++actions;
+        } else {
+            FUZZ_CHECK(tx.processAck(size, tx.getMsgInfo()));
         }
-        FUZZ_CHECK(tx.processAck(pos, tx.getMsgInfo()));
     }
     FUZZ_CHECK(tx.getStatus() == MsgSender::DONE);
     FUZZ_CHECK(rx.getStatus() == MsgReceiver::DONE);
     FUZZ_CHECK(buf == msg);
+    uint32_t ackPos = 0;
+    FUZZ_CHECK(rx.sendAck(ackPos) && ackPos == size);
     tx.clear();
     FUZZ_CHECK(tx.getStatus() == MsgSender::EMPTY);
 }
