@@ -1,7 +1,8 @@
 // Helpers shared by the libFuzzer harnesses: a scratch directory made once per
 // process (by default in /dev/shm when it exists, so that the many small writes
-// stay in memory) and removed at exit, whole-file writes, and FUZZ_CHECK, which turns a
-// broken promise of the code under test into a crash that libFuzzer records.
+// stay in memory) and removed at exit, whole-file writes, silencing of the
+// diagnostic lines of the code under test, and FUZZ_CHECK, which turns a broken
+// promise of the code under test into a crash that libFuzzer records.
 #pragma once
 
 #include <dirent.h>
@@ -10,6 +11,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -60,6 +62,15 @@ public:
 private:
     std::string dir;
 };
+
+// Drops what the code under test writes to std::cout and std::cerr: its
+// diagnostic lines are not what a harness checks, and at thousands of inputs a
+// second they would flood the log. FUZZ_CHECK and the sanitizers write with C
+// stdio and are not affected.
+inline void silenceDiagnostics() {
+    std::cout.rdbuf(nullptr);
+    std::cerr.rdbuf(nullptr);
+}
 
 // Replaces the file with exactly size bytes; true when all were written.
 inline bool writeWhole(const std::string& path, const void* data, size_t size) {

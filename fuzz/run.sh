@@ -54,8 +54,8 @@ for h in $HARNESSES; do
     cp -r "fuzz/corpus/$h/." "$work/$h/corpus/"
     echo "fuzz: $h for ${seconds}s"
     rc=0
-    # stdout of the code under test is closed (-close_fd_mask=1): the record
-    # scan prints a line per record.
+    # The harnesses drop the diagnostic lines of the code under test; stdout
+    # is closed as well (-close_fd_mask=1).
     # shellcheck disable=SC2046
     "$bin" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=1024 -print_final_stats=1 \
         -close_fd_mask=1 -artifact_prefix="$work/$h/artifacts/" $(options_for "$h") \
