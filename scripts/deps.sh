@@ -1,7 +1,7 @@
 # Installs the Debian packages the build, the tests and the hub need, and only
 # those that are missing. Sourced by run.sh and test.sh.
 
-VELTO_PACKAGES="cmake make g++ libgtest-dev libgmock-dev libexpat1-dev libcurl4-openssl-dev iproute2 util-linux"
+VELTO_PACKAGES="cmake make g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libexpat1-dev libcurl4-openssl-dev iproute2 util-linux"
 
 missing_packages() {
     local pkg missing=""
