@@ -9,13 +9,13 @@ cd "$(dirname "$0")"
 . scripts/deps.sh
 ensure_packages $VELTO_PACKAGES
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELTO_BUILD_TESTS=ON
 cmake --build build -j2
 (cd build && ctest --output-on-failure -j2)
 
 # Every test, and every program a test starts, stops at its first sanitizer
 # report with a failure; leaks count too.
-cmake -S . -B build-san -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=ON
+cmake -S . -B build-san -DCMAKE_BUILD_TYPE=Debug -DVELTO_SANITIZE=ON -DVELTO_BUILD_TESTS=ON
 cmake --build build-san -j2
 (cd build-san &&
     ASAN_OPTIONS=halt_on_error=1:abort_on_error=1:detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1 \
