@@ -21,8 +21,13 @@ bool sameRecord(const ClientDBRec& a, const ClientDBRec& b) {
 ClientManager::ClientManager(ClientsDatabase& db_)
     : db(db_), eventArray(new EventEntry[MAX_EVENTS]), events(new MinHeap<EventEntry>(eventArray, MAX_EVENTS)) {}
 
+// The parties still held go with the manager, so that a hub leaving in order
+// (or a test) releases everything it owns.
 ClientManager::~ClientManager() {
     freeLeftBehind();
+    for (auto& n : newComers) delete n.second;
+    for (auto& d : devices) delete d.second;
+    for (auto& v : virtualClients) delete v.second;
     delete events;
     delete[] eventArray;
 }

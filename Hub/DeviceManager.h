@@ -108,8 +108,8 @@ public:
     static constexpr uint16_t FIRST_DEVICE_ID = 256;
 
     explicit ClientManager(ClientsDatabase& db);
-    // Frees the heap, the unheld ClientInfos and the replaced proxies; the
-    // parties it still holds are not deleted (the process ends).
+    // Frees the heap and every party it still holds: newcomers (kept or
+    // unheld), proxies (active or replaced) and virtual clients.
     ~ClientManager();
     ClientManager(const ClientManager&) = delete;
     ClientManager& operator=(const ClientManager&) = delete;

@@ -742,9 +742,13 @@ TEST_F(FaultTest, FloodLeavesTheHubServingWithBoundedMemory) {
     // What the flood may cost: a second's worth of announcements not taken as
     // newcomers (freed by the next clean-up), a record and cache entry per DUID
     // of the flood's small set, buffers. A ClientInfo lost per announcement
-    // would cost about 10 MB here.
+    // would cost about 10 MB here. Under AddressSanitizer freed memory waits in
+    // its quarantine, so resident size says nothing there; its leak check at
+    // the hub's exit covers that build instead.
+#if !defined(__SANITIZE_ADDRESS__)
     EXPECT_LT(hwm - baseRss, FLOOD_MEMORY_BOUND_KB);
     EXPECT_LT(endRss - baseRss, FLOOD_MEMORY_BOUND_KB);
+#endif
 }
 
 // ---------------------------------------------------------------------------
