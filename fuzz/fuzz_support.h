@@ -1,6 +1,6 @@
 // Helpers shared by the libFuzzer harnesses: a scratch directory made once per
-// process (in /dev/shm when it exists, so that the many small writes stay in
-// memory) and removed at exit, whole-file writes, and FUZZ_CHECK, which turns a
+// process (by default in /dev/shm when it exists, so that the many small writes
+// stay in memory) and removed at exit, whole-file writes, and FUZZ_CHECK, which turns a
 // broken promise of the code under test into a crash that libFuzzer records.
 #pragma once
 
@@ -27,8 +27,11 @@ namespace fuzzsupport {
 // A fresh directory, emptied (one level) and removed on destruction.
 class ScratchDir {
 public:
+    // Under $VELTO_FUZZ_TMP when set (fuzz/run.sh points it at a directory it
+    // removes, so that a crashed run leaves nothing behind), else /dev/shm or /tmp.
     ScratchDir() {
-        const char* base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+        const char* base = getenv("VELTO_FUZZ_TMP");
+        if (base == nullptr || *base == '\0') base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
         std::string tmpl = std::string(base) + "/velto-fuzz-XXXXXX";
         std::vector<char> name(tmpl.begin(), tmpl.end());
         name.push_back('\0');

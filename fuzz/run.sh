@@ -34,6 +34,15 @@ options_for() {
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+# The harnesses' scratch files go there too (memory-backed when possible).
+if [ -d /dev/shm ] && [ -w /dev/shm ]; then
+    scratch=$(mktemp -d /dev/shm/velto-fuzz-run-XXXXXX)
+else
+    scratch="$work/scratch"
+    mkdir -p "$scratch"
+fi
+trap 'rm -rf "$work" "$scratch"' EXIT
+export VELTO_FUZZ_TMP="$scratch"
 
 for h in $HARNESSES; do
     bin="$build/fuzz/$h"
