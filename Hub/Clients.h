@@ -28,6 +28,7 @@ struct EventEntry;
 
 // A message body shared by every holder; allocate with makeMessageBuffer.
 typedef std::shared_ptr<unsigned char> MessageBuffer;
+// A zero-filled buffer of size bytes, freed with the last share; empty for size 0.
 MessageBuffer makeMessageBuffer(uint32_t size);
 
 class MessageTargetInterface {
@@ -109,6 +110,10 @@ public:
 
     // Most messages kept waiting while one is being sent down.
     static constexpr size_t MAX_QUEUED_MESSAGES = 5;
+    // Largest message a device may announce in a first piece (1 MiB). The hub
+    // holds a whole message in memory before dispatching it, so a larger (or
+    // zero) msgSize is refused rather than allocated.
+    static constexpr uint32_t MAX_INCOMING_MESSAGE_SIZE = 1024 * 1024;
 
     // Copies the newcomer's record and status; `socket` is not owned and must
     // outlive the proxy (null: nothing can be sent).
@@ -137,31 +142,57 @@ public:
     bool sendPacketToDevice(VeltoPacket& p);  // to the record's lastAddress
     bool sendPacketToDevice(const SockAddress& to, VeltoPacket& p);
 
+    // State CONNECTED; loads each object's rights through the specification
+    // store (a failure is logged and does not stop the activation).
     void activate();
+    // State DISCONNECTED, nothing else.
     void deactivate();
+    // Runs DELAYED_SND, CHECK_SND_TO, CHECK_RCV_TO or CLEANUP for this device;
+    // ignores events for another id and any other kind.
     void handleEvent(const EventEntry& e);
+    // Any ping or pong from the device: ends the probe, lastRecvTime = now.
     void handlePong();
+    // Only with the sender in TIMEOUT: maybe a ping or a give-up, then the last
+    // piece is sent again.
     void checkSenderTimeout(Timestamp now);
+    // The liveness probe: a ping when silent for at least 500 ms; gives the
+    // device up (DISCONNECTED, CLEANUP event) after 3500 ms of silence.
     void checkReceiverTimeout(Timestamp now);
+    // Requests DESTROY_DEVICE for this device, due now.
     void prepareObjectDestruction(Timestamp now);
 
     // MessageTargetInterface
+    // Starts sending the message down, or queues it while another one is going
+    // down (the oldest waiting one is dropped beyond five).
     void deliverMessage(const MsgSelector& ms, std::shared_ptr<unsigned char>& msg, uint32_t size) override;
+    // False (with a line on standard error) when objectNo is out of range.
     bool subscribeToNotification(uint8_t objectNo, uint16_t msgId, DeviceID subscriber, bool subscribe) override;
+    // Kept: leaves the listener tables as they are (works on a copy).
     void deviceHadBeenRemoved(DeviceID id) override;
+    // A device proxy requires level 1 for everything.
     uint8_t requiredMsgAccess(uint8_t objectNo, MessageID msgId) override;
     uint8_t requiredNotificationAccess(uint8_t objectNo, MessageID msgId) override;
 
-    // Upward path: one piece from the device.
+    // Upward path: one piece from the device. MSG_ERROR for an unknown sending
+    // object, a first piece while a reception is under way or with a msgSize of
+    // 0 or above MAX_INCOMING_MESSAGE_SIZE, or a later piece of another message;
+    // MSG_OK_ACK (ackPos set) when an acknowledgement is due, else MSG_OK.
     MsgStatus putMsgPacket(const MsgSelector& ms, uint32_t packetStart, uint32_t msgSize, const uint8_t* data,
                            uint32_t len, uint32_t& ackPos);
+    // False when a reception is under way or size is 0 or too large.
     bool initializeReceiver(uint32_t size, const MsgSelector& ms);
+    // True when nothing is complete yet or the message was dispatched; false
+    // for an unknown category (the message is dropped either way).
     bool attemptToDispatch();
+    // To every subscriber of the completed notification (only when CONNECTED).
     void dispactNotificationMsg(DeviceID from);
+    // To the addressed node, after the access check (only when CONNECTED).
     void dispactDirectMessage(DeviceID from, uint8_t fromObjectNo);
 
-    // Downward path.
+    // Downward path: clears a finished message, starts the next queued one and
+    // sends every piece the sender allows now (re-arming a DELAYED_SND event).
     void downSendNextSequence();
+    // The sender's result for the acknowledgement.
     bool processACK(uint32_t lastSeqNo, const MsgSelector& ms);
 
     // Inspection, for the services and the tests.
@@ -179,6 +210,8 @@ private:
     bool requestEvent(int type, Timestamp due);
     void giveUp(Timestamp now);
     void sendPermissionDenied(const MsgSelector& ms);
+    void enqueue(const MsgSelector& ms, std::shared_ptr<unsigned char>& msg, uint32_t size);
+    bool startSending(const std::shared_ptr<unsigned char>& msg, uint32_t size, const MsgSelector& ms);
 
     ClientDBRec dbRecord;
     NodeStatusInfo nodeStatus;

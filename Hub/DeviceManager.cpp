@@ -1,0 +1,263 @@
+#include "Hub/DeviceManager.h"
+
+#include <iostream>
+
+#include "Hub/HubConsoleConnector.h"
+
+namespace {
+
+// Field-by-field equality of two records: equal records write identical files.
+bool sameRecord(const ClientDBRec& a, const ClientDBRec& b) {
+    return a.id == b.id && a.duid == b.duid && a.specs == b.specs && a.version == b.version &&
+           a.assignedName == b.assignedName && a.firstAddress == b.firstAddress &&
+           a.lastAddress == b.lastAddress && a.firstConnect == b.firstConnect &&
+           a.lastConnect == b.lastConnect && a.keyTime == b.keyTime && a.sessionKey == b.sessionKey &&
+           a.mainKey == b.mainKey && a.trust == b.trust && a.sigType == b.sigType && a.encType == b.encType &&
+           a.toDeviceSequence == b.toDeviceSequence && a.fromDeviceSequence == b.fromDeviceSequence;
+}
+
+}  // namespace
+
+ClientManager::ClientManager(ClientsDatabase& db_)
+    : db(db_), eventArray(new EventEntry[MAX_EVENTS]), events(new MinHeap<EventEntry>(eventArray, MAX_EVENTS)) {}
+
+ClientManager::~ClientManager() {
+    freeLeftBehind();
+    delete events;
+    delete[] eventArray;
+}
+
+ClientInfo* ClientManager::getNewComer(const SockAddress& addr, const std::string& duid) {
+    auto it = newComers.find(addr);
+    if (it == newComers.end()) {
+        std::cout << "ClientManager::getNewComer newComers.find(" << addr << ")= end. duid=" << duid << '\n';
+        return nullptr;
+    }
+    ClientInfo* result = nullptr;
+    if (duid.empty() || (it->second && duid == it->second->record.duid)) {
+        result = it->second;
+        std::cout << "ClientManager::getNewComer client=cIt->second for duid=" << duid
+                  << " CI=" << static_cast<const void*>(result) << '\n';
+    } else {
+        result = loadOtherNewComer(addr, duid);
+        it = newComers.find(addr);  // the entry may be gone after a failed load
+    }
+    if (result && it != newComers.end() && it->second) it->second->status.lastRecvTime = currentTime();
+    return result;
+}
+
+// A different device speaks from an address that a newcomer already holds.
+// Kept: the fresh ClientInfo is offered to the map, which keeps the old entry,
+// so on success the result is an object the map does not hold (the join that
+// follows then fails in makeDeviceActive). On a failed load the address's
+// entry is dropped.
+ClientInfo* ClientManager::loadOtherNewComer(const SockAddress& addr, const std::string& duid) {
+    DeviceID id = db.objectIdFor(duid);
+    std::cout << "ClientManager::getNewComer db.objectIdFor(" << duid << ")=" << id << '\n';
+    if (id == 0) return nullptr;
+    ClientInfo* fresh = new ClientInfo();
+    newComers.insert(std::make_pair(addr, fresh));  // never replaces the existing entry
+    if (db.loadRecord(duid, fresh->record)) {
+        keepIfUnheld(addr, fresh);
+        return fresh;
+    }
+    auto it = newComers.find(addr);
+    if (it != newComers.end()) {
+        // The old newcomer leaves the map here; the manager owns it, so it goes.
+        if (it->second != fresh) delete it->second;
+        newComers.erase(it);
+    }
+    delete fresh;
+    return nullptr;
+}
+
+ClientInfo* ClientManager::createNewComer(const SockAddress& addr, const std::string& duid, const std::string& specs,
+                                          uint8_t version, Timestamp now) {
+    DeviceID id = db.objectIdFor(duid);
+    ClientInfo* info = new ClientInfo();
+    // Kept: an entry already held for addr stays in the map; the fresh one is
+    // returned all the same.
+    newComers.insert(std::make_pair(addr, info));
+    keepIfUnheld(addr, info);
+    ClientDBRec& rec = info->record;
+    if (id != 0 && db.loadRecord(duid, rec)) {
+        rec.lastConnect = now;  // lastRecvTime stays 0: the next clean-up drops it unless refreshed
+    } else {
+        rec.id = db.getNextFreeId();
+        rec.assignedName = duid;
+        rec.duid = rec.assignedName;
+        rec.firstAddress = addr;
+        rec.lastAddress = rec.firstAddress;
+        rec.lastConnect = now;
+        rec.firstConnect = rec.lastConnect;
+        info->status.lastRecvTime = now;
+        rec.specs = specs;
+        rec.version = version;
+        rec.keyTime = 0;
+    }
+    writeRecord(rec);
+    info->status.state = NodeStatusInfo::INITIALIZED;
+    return info;
+}
+
+ClientProxy* ClientManager::makeDeviceActive(ClientInfo* info, UdpSocket* socket) {
+    if (info == nullptr) {
+        std::cerr << " failed to make device because ClientInfo==NULL\n";
+        return nullptr;
+    }
+    if (info->record.id == 0) {
+        std::cerr << " failed to make device because dbRecord.id==0\n";
+        return nullptr;
+    }
+    auto it = newComers.begin();
+    while (it != newComers.end() && it->second != info) ++it;
+    if (it == newComers.end()) {
+        std::cerr << " failed to make device because no newcommers match the passed parameter\n";
+        return nullptr;
+    }
+    ClientProxy* proxy = new ClientProxy(*info, socket);
+    // Kept: a proxy already registered under this id is overwritten without any
+    // notice; only its memory is reclaimed, at the next clean-up.
+    ClientProxy*& slot = devices[info->record.id];
+    if (slot != nullptr) replaced.push_back(slot);
+    slot = proxy;
+    newComers.erase(it);
+    delete info;
+    return proxy;
+}
+
+uint8_t ClientManager::offerScoreForDevice(const ClientInfo& info) {
+    return info.record.firstConnect < info.record.lastConnect ? 255 : 200;
+}
+
+bool ClientManager::avoidDevice(const SockAddress&, const std::string&, const std::string&, uint8_t) { return false; }
+
+ClientProxy* ClientManager::getClient(uint16_t id) {
+    auto it = devices.find(id);
+    return it == devices.end() ? nullptr : it->second;
+}
+
+bool ClientManager::addVirtualClient(uint16_t id, VirtualClient* vc) {
+    if (vc == nullptr || id >= FIRST_DEVICE_ID) return false;
+    auto it = virtualClients.find(id);
+    if (it != virtualClients.end()) {
+        if (it->second != vc) delete it->second;
+        it->second = vc;
+    } else {
+        virtualClients[id] = vc;
+    }
+    return true;
+}
+
+MessageTargetInterface* ClientManager::getMessageTarget(uint16_t id) {
+    if (id >= FIRST_DEVICE_ID) return getClient(id);
+    auto it = virtualClients.find(id);
+    return it == virtualClients.end() ? nullptr : it->second;
+}
+
+bool ClientManager::requestTimedEvent(const EventEntry& e) { return events != nullptr && events->push(e); }
+
+Timestamp ClientManager::retrievePendingEventsUpTo(std::vector<EventEntry>& out, Timestamp limit) {
+    if (events == nullptr) return limit;
+    Timestamp earliest = limit;
+    while (!events->empty() && events->front().t <= limit) {
+        const EventEntry& e = events->front();
+        if (e.t < earliest) earliest = e.t;
+        out.push_back(e);
+        events->pop();
+    }
+    return earliest;
+}
+
+void ClientManager::doFlush(Timestamp) {
+    for (auto& entry : devices) {
+        if (entry.second == nullptr) continue;
+        const ClientDBRec& rec = entry.second->record();
+        if (!fileHolds(rec)) writeRecord(rec);
+    }
+}
+
+// True when the record's file is known to hold exactly rec: this manager wrote
+// rec there last, and reading the file back gives rec (so a file removed or
+// changed behind our back, or a write that failed, is written again).
+bool ClientManager::fileHolds(const ClientDBRec& rec) {
+    auto last = lastWritten.find(rec.duid);
+    if (last == lastWritten.end() || !sameRecord(last->second, rec)) return false;
+    ClientDBRec onDisk;
+    return db.loadRecord(rec.duid, onDisk) && sameRecord(onDisk, rec);
+}
+
+// Every record write of the manager goes through here so that the copy of the
+// last written record per DUID stays true to the file.
+void ClientManager::writeRecord(const ClientDBRec& rec) {
+    db.updateRecord(rec);  // its result is false even on success; nothing to test
+    lastWritten[rec.duid] = rec;
+}
+
+void ClientManager::doCleanUp(Timestamp now) {
+    freeLeftBehind();
+    dropIdleNewComers(now);
+    probeSilentDevices(now);
+}
+
+// A ClientInfo that the map did not take under addr is remembered so that the
+// next clean-up frees it; otherwise every such one would be lost.
+void ClientManager::keepIfUnheld(const SockAddress& addr, ClientInfo* info) {
+    auto it = newComers.find(addr);
+    if (it == newComers.end() || it->second != info) unheld.push_back(info);
+}
+
+// The handlers that received these have long returned, and nothing refers to
+// a replaced proxy (every lookup goes by id). The copy of the record written
+// for an unheld newcomer goes too (at worst the flush writes an unchanged
+// record once more, as after a dropped newcomer).
+void ClientManager::freeLeftBehind() {
+    for (ClientInfo* info : unheld) {
+        lastWritten.erase(info->record.duid);
+        delete info;
+    }
+    unheld.clear();
+    for (ClientProxy* proxy : replaced) delete proxy;
+    replaced.clear();
+}
+
+void ClientManager::dropIdleNewComers(Timestamp now) {
+    for (auto it = newComers.begin(); it != newComers.end();) {
+        ClientInfo* info = it->second;
+        if (info != nullptr && info->status.lastRecvTime + MaxNewCommerIddleTime >= now) {
+            ++it;
+            continue;
+        }
+        DeviceID id = info ? info->record.id : 0;
+        std::string duid = info ? info->record.duid : std::string();
+        delete info;
+        lastWritten.erase(duid);  // bounds the copies; at worst one extra write later
+        std::cout << "ClientManager::doCleanUp: Delete newcommer id=" << id << " duid=" << duid << '\n';
+        it = newComers.erase(it);
+    }
+}
+
+void ClientManager::probeSilentDevices(Timestamp now) {
+    for (auto& entry : devices) {
+        if (entry.second == nullptr) continue;
+        const NodeStatusInfo& st = entry.second->status();
+        if (st.lastRecvTime + static_cast<Timestamp>(st.maxIddleTimeSeconds) * 1000 >= now) continue;
+        requestTimedEvent(EventEntry(EventEntry::CHECK_RCV_TO, entry.first, now));
+        std::cout << "ClientManager::doCleanUp: Request CHECK_RCV_TO devId=" << entry.first << '\n';
+    }
+}
+
+void ClientManager::destroyClient(uint16_t id) {
+    auto it = devices.find(id);
+    if (it == devices.end()) return;
+    ClientProxy* proxy = it->second;
+    std::cout << "Will destroy proxy for Device: " << id << '\n';
+    if (proxy) proxy->deactivate();
+    for (auto& entry : devices)
+        if (entry.second) entry.second->deviceHadBeenRemoved(id);
+    for (auto& entry : virtualClients)
+        if (entry.second) entry.second->deviceHadBeenRemoved(id);
+    devices.erase(id);
+    if (proxy) lastWritten.erase(proxy->record().duid);
+    delete proxy;
+}

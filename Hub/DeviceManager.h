@@ -104,22 +104,41 @@ class ClientManager {
 public:
     static constexpr size_t MAX_EVENTS = 256;
     static constexpr uint32_t MaxNewCommerIddleTime = 45000;  // ms a newcomer may stay silent
+    // Node ids below this are virtual clients; devices are looked up from here on.
+    static constexpr uint16_t FIRST_DEVICE_ID = 256;
 
     explicit ClientManager(ClientsDatabase& db);
-    // Frees the heap; the parties it still holds are not deleted (the process ends).
+    // Frees the heap, the unheld ClientInfos and the replaced proxies; the
+    // parties it still holds are not deleted (the process ends).
     ~ClientManager();
     ClientManager(const ClientManager&) = delete;
     ClientManager& operator=(const ClientManager&) = delete;
 
+    // The newcomer at addr when duid is empty or matches it; for another duid
+    // that the database knows, a freshly loaded ClientInfo that the map does NOT
+    // hold (kept asymmetry); null otherwise (a failed load also drops the
+    // address's entry). Refreshes the held entry's lastRecvTime on success.
+    // A ClientInfo the map does not hold stays the manager's: it is valid until
+    // the next doCleanUp pass, which frees it.
     ClientInfo* getNewComer(const SockAddress& addr, const std::string& duid);
+    // Registers a newcomer (an entry already held for addr is kept) and writes
+    // its record: loaded and re-stamped for a known duid, a new id otherwise.
+    // Returns the fresh ClientInfo (state INITIALIZED); never null. When the map
+    // kept an older entry for addr, the result is valid until the next doCleanUp
+    // pass, as for getNewComer.
     ClientInfo* createNewComer(const SockAddress& addr, const std::string& duid, const std::string& specs,
                                uint8_t version, Timestamp now);
     // Turns a newcomer into a device session; null (with a line on standard
     // error) when info is null, has id 0, or is not a newcomer of this manager.
+    // A proxy already registered under the id is replaced without a word (kept)
+    // and freed by the next doCleanUp pass.
     ClientProxy* makeDeviceActive(ClientInfo* info, UdpSocket* socket);
+    // 255 for a device that has been here before (firstConnect < lastConnect), else 200.
     uint8_t offerScoreForDevice(const ClientInfo& info);
+    // Always false: no device is avoided.
     bool avoidDevice(const SockAddress& addr, const std::string& duid, const std::string& specs, uint8_t version);
 
+    // The device's proxy or null.
     ClientProxy* getClient(uint16_t id);
     // Takes ownership; false when vc is null or id >= 256. Replaces (deletes)
     // a virtual client already registered under id.
@@ -133,8 +152,17 @@ public:
     // Returns the smallest due time retrieved, or limit.
     Timestamp retrievePendingEventsUpTo(std::vector<EventEntry>& out, Timestamp limit);
 
+    // Writes every device's record to the database. A record unchanged since
+    // this manager last wrote it, whose file still reads back equal, is skipped:
+    // the file already holds what the write would put there.
     void doFlush(Timestamp now);
+    // Frees the ClientInfos handed out but not held (see getNewComer) and the
+    // proxies replaced by makeDeviceActive; drops newcomers silent for more than
+    // 45000 ms; asks (CHECK_RCV_TO, due now) for a probe of every device silent
+    // beyond its maxIddleTimeSeconds.
     void doCleanUp(Timestamp now);
+    // Deactivates the proxy, tells every proxy and virtual client, deletes it.
+    // Nothing for an unknown id.
     void destroyClient(uint16_t id);
 
     // Inspection, for the services and the tests.
@@ -142,12 +170,33 @@ public:
     const std::map<uint16_t, VirtualClient*>& allVirtualClients() const { return virtualClients; }
     const std::map<SockAddress, ClientInfo*>& allNewComers() const { return newComers; }
     size_t pendingEvents() const { return events ? events->size() : 0; }
+    // ClientInfos handed out but not held by the newcomer map, and proxies
+    // replaced under their id, not yet freed.
+    size_t unheldNewComers() const { return unheld.size(); }
+    size_t replacedDevices() const { return replaced.size(); }
 
 private:
+    ClientInfo* loadOtherNewComer(const SockAddress& addr, const std::string& duid);
+    void writeRecord(const ClientDBRec& rec);
+    bool fileHolds(const ClientDBRec& rec);
+    void keepIfUnheld(const SockAddress& addr, ClientInfo* info);
+    void freeLeftBehind();
+    void dropIdleNewComers(Timestamp now);
+    void probeSilentDevices(Timestamp now);
+
     ClientsDatabase& db;
     std::map<SockAddress, ClientInfo*> newComers;
     std::map<uint16_t, ClientProxy*> devices;
     std::map<uint16_t, VirtualClient*> virtualClients;
     EventEntry* eventArray;
     MinHeap<EventEntry>* events;
+    // duid -> the record this manager last wrote to that duid's file.
+    std::map<std::string, ClientDBRec> lastWritten;
+    // ClientInfos returned to a caller that the newcomer map did not take (it
+    // kept the older entry of the address). Callers use them only until their
+    // handler returns; the next clean-up pass frees them.
+    std::vector<ClientInfo*> unheld;
+    // Proxies that a new session of the same id replaced in `devices`; nothing
+    // reaches them any more. Freed by the next clean-up pass.
+    std::vector<ClientProxy*> replaced;
 };

@@ -39,6 +39,19 @@ bool refuseName(const char* operation, const std::string& duid) {
     return false;
 }
 
+// A text field that would split its line in the record file, letting what
+// follows the break pass for a line of its own (a forged "ID=" or "MAIN_KEY=").
+bool holdsLineBreak(const ClientDBRec& rec) {
+    return rec.duid.find('\n') != std::string::npos || rec.specs.find('\n') != std::string::npos ||
+           rec.assignedName.find('\n') != std::string::npos;
+}
+
+bool refuseLineBreak(const std::string& duid) {
+    std::cerr << "ERROR updateRecord: record of DUID \"" << printable(duid)
+              << "\" has a line break in a text field; record refused\n";
+    return false;
+}
+
 // atoi without its undefined overflow: what glibc's atoi does.
 int toInt(const std::string& value) {
     return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
@@ -217,6 +230,7 @@ void ClientsDatabase::attemptBackup(const std::string& backupPath) const {
 bool ClientsDatabase::updateRecord(const ClientDBRec& rec) {
     const bool status = false;  // kept: never set, the result is false on success too
     if (!isPlainFileName(rec.duid)) return refuseName("updateRecord", rec.duid);
+    if (holdsLineBreak(rec)) return refuseLineBreak(rec.duid);
     if (dirName.empty()) return status;  // "/<duid>.dev" would be outside any database
     const std::string path = recordPath(rec.duid);
     attemptBackup(path + "~");

@@ -77,8 +77,10 @@ public:
     // "<duid>.dev.tmp" renamed over it), removes any "<duid>.dev~" and, once the
     // temporary file is open, caches duid <-> id. Kept: returns false on every
     // path, success included; callers do not test it. Refuses a duid that is not
-    // a plain file name as loadRecord does, writing nothing. Does not move the
-    // next free id.
+    // a plain file name as loadRecord does, writing nothing; likewise a record
+    // whose duid, specs or assignedName holds a line break (its file would not
+    // read back as the record: the text after the break would be taken for a
+    // line of its own, an "ID=" line included). Does not move the next free id.
     bool updateRecord(const ClientDBRec& rec);
     // Fills the cache from the directory; false only when it cannot be listed.
     // Called by the constructor.

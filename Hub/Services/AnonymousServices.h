@@ -1,4 +1,6 @@
 // Service object 0 of the hub's own node: accepts and ignores everything.
+// deliverMessage and deviceHadBeenRemoved do nothing; subscribeToNotification
+// returns false.
 #pragma once
 
 #include "Hub/HubConsoleConnector.h"

@@ -16,12 +16,21 @@
 
 class DeviceManagementServices : public VirtualClientObjectInterface {
 public:
+    // By ms.msgId: 1 getDevList, 3 getObjList, anything else only a log line;
+    // the "DeviceManagementServices::deliverMessage() ..." line follows the handling.
     void deliverMessage(const MsgSelector& ms, std::shared_ptr<unsigned char>& data, unsigned int size) override;
+    // Returns false: the service publishes nothing.
     bool subscribeToNotification(unsigned short msgId, unsigned short subscriber, bool subscribe) override;
+    // Does nothing.
     void deviceHadBeenRemoved(unsigned short deviceId) override;
 
+    // Decodes the request (on failure: an error line and replyWithError code 1
+    // through the proxy of toDeviceId, kept) and queues the list on the proxy of
+    // fromDeviceId; no reply when that proxy does not exist or the list does not
+    // encode. data must hold size bytes (null when size is 0).
     void getDevList(uint16_t fromDeviceId, uint8_t fromObjectNo, uint16_t msgId, uint16_t toDeviceId,
                     uint8_t toObjectNo, std::shared_ptr<unsigned char>& data, unsigned int size);
+    // Does nothing: object information requests get no answer.
     void getObjList(uint16_t fromDeviceId, uint8_t fromObjectNo, uint16_t msgId, uint16_t toDeviceId,
                     uint8_t toObjectNo, std::shared_ptr<unsigned char>& data, unsigned int size);
     // Accepts every client: the request's filters are carried but not applied.
@@ -30,6 +39,7 @@ public:
     void replyWithError(uint8_t category, uint16_t fromNodeId, uint8_t fromObjectNo, uint16_t msgId,
                         uint16_t toNodeId, uint8_t toObjectNo, uint32_t errorCode, const std::string& text);
 
+    // The msgNo the next reply will carry (1 at first).
     MessageNo nextReplyNumber() const { return messageCounter; }
 
 private:

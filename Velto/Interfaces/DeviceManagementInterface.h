@@ -22,8 +22,10 @@ public:
     FString<32> withName;
     FString<32> haveObjectWithIface;
 
+    // True when every field fitted (stops at the first that does not).
     bool addToBuffer(uint8_t*& cursor, size_t& left) const;
-    // All four reads are made; the result is their AND.
+    // All four reads are made; the result is their AND. (A last text cut short
+    // by the end of the bytes reads as the shorter text, as texts do.)
     bool getFromBuffer(const uint8_t*& cursor, size_t& left);
     // 101: less than the largest encoding (196); senders keep the texts short.
     size_t estimateRequiredSize() const { return 101; }
@@ -41,8 +43,10 @@ public:
     FString<32> domain;
     uint8_t noOfObjects = 0;
 
+    // True when every field fitted / was read; stops at the first that fails.
     bool addToBuffer(uint8_t*& cursor, size_t& left) const;
     bool getFromBuffer(const uint8_t*& cursor, size_t& left);
+    // 234: the largest encoding.
     size_t estimateRequiredSize() const { return 234; }
 };
 
@@ -54,7 +58,10 @@ public:
 
     // Stops at once when the count does not fit; otherwise the AND of all entries.
     bool addToBuffer(uint8_t*& cursor, size_t& left) const;
-    // Appends the decoded entries to devList.
+    // Appends the decoded entries to devList; false when the count or an entry
+    // does not decode (the entries before it stay). Never reserves room by the
+    // declared count: every entry consumes bytes, so a huge count ends at the
+    // first entry that finds none.
     bool getFromBuffer(const uint8_t*& cursor, size_t& left);
     // 8 + entries x the first entry's estimate (8 when empty).
     size_t estimateRequiredSize() const;

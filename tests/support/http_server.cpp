@@ -107,6 +107,11 @@ std::vector<std::string> HttpServer::connections() const {
     return seen;
 }
 
+void HttpServer::setBody(const std::string& path, const std::string& body) {
+    std::lock_guard<std::mutex> guard(lock);
+    bodies[path] = body;
+}
+
 void HttpServer::record(const std::string& entry) {
     std::lock_guard<std::mutex> guard(lock);
     seen.push_back(entry);
@@ -141,8 +146,13 @@ void HttpServer::serve(int fd) {
         sendAll(fd, response(200, ""));
         return;
     }
-    const auto it = bodies.find(path);
-    sendAll(fd, it == bodies.end() ? response(404, "") : response(200, it->second));
+    std::string answer;
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        const auto it = bodies.find(path);
+        answer = it == bodies.end() ? response(404, "") : response(200, it->second);
+    }
+    sendAll(fd, answer);
 }
 
 }  // namespace testsupport

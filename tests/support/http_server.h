@@ -30,6 +30,9 @@ public:
     bool ok() const { return listenFd >= 0; }
     uint16_t port() const { return boundPort; }
 
+    // Serves body under path from now on (for bodies that name the port).
+    void setBody(const std::string& path, const std::string& body);
+
     // One entry per accepted connection, in order: "GET <host header> <path>"
     // for an HTTP request, "NOT-HTTP" for anything else.
     std::vector<std::string> connections() const;

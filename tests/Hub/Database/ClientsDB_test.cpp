@@ -244,3 +244,31 @@ TEST(ClientsDBTest, NothingWrittenOutsideTheDirectory) {
     EXPECT_EQ((std::vector<std::string>{"lamp-01.dev", "specs.idx"}), listing(dbDir));
     EXPECT_EQ("index", readFile(dbDir + "/specs.idx"));
 }
+
+TEST(ClientsDBTest, TextWithALineBreakNeverReachesTheDisk) {
+    TempDir dir;
+    ClientsDatabase db(dir.path());
+    db.updateRecord(sampleRecord());  // lamp-01, id 1042
+    const std::string forged = "x\nID=1042";
+    for (int field = 0; field < 3; ++field) {
+        ClientDBRec r = sampleRecord();
+        r.id = 1500;
+        r.duid = field == 0 ? "intruder" + forged : "intruder";
+        if (field == 1) r.specs = forged;
+        if (field == 2) r.assignedName = forged;
+        Printed p = capture([&] { EXPECT_FALSE(db.updateRecord(r)); });
+        EXPECT_EQ(0u, p.err.rfind("ERROR updateRecord: record of DUID \"intruder", 0)) << p.err;
+        EXPECT_EQ(1, std::count(p.err.begin(), p.err.end(), '\n')) << p.err;  // one line: the break is shown as '?'
+        EXPECT_EQ(0, db.objectIdFor(r.duid));
+    }
+    EXPECT_EQ(std::vector<std::string>{"lamp-01.dev"}, listing(dir.path()));
+    ClientsDatabase reread(dir.path());
+    EXPECT_EQ(1042, reread.objectIdFor("lamp-01"));
+
+    ClientDBRec cr = sampleRecord();  // a carriage return splits no line: kept as it is
+    cr.specs = "spec\r";
+    db.updateRecord(cr);
+    ClientDBRec back;
+    ASSERT_TRUE(db.loadRecord("lamp-01", back));
+    EXPECT_EQ("spec\r", back.specs);
+}

@@ -1,0 +1,82 @@
+// Outgoing messages of a device: a queue of whole messages and the sequenced
+// sender of the one in flight.
+//
+// Messages go out one at a time (the hub reassembles one message per device at
+// a time) in pieces of at most 326 bytes. An acknowledgement of the whole size
+// completes a message; a smaller one makes the sender resend from there. When
+// no acknowledgement comes within the sender's wait, the last piece is sent
+// again; after too many consecutive failures the message is given up. Every
+// finished message leaves one result. No I/O: the caller sends the pieces.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "Velto/msg_sequencers.h"
+
+namespace device {
+
+struct DeliveryResult {
+    MessageNo msgNo = 0;
+    bool delivered = false;
+    std::string reason;  // why it was not delivered; empty when delivered
+};
+
+class MessageOutbox {
+public:
+    static constexpr size_t MAX_QUEUED = 64;
+
+    // Queues a message with its addressing (msgNo set by the caller). Returns
+    // false when data is empty, larger than 4 GiB, or the queue is full.
+    bool enqueue(const MsgSelector& ms, std::vector<uint8_t> data);
+
+    // True while a message is in flight or queued.
+    bool busy() const { return inFlight || !queue.empty(); }
+    // Messages waiting behind the one in flight.
+    size_t queued() const { return queue.size(); }
+    // True when msgNo is in flight or queued.
+    bool pending(MessageNo msgNo) const;
+    // The selector of the message in flight; meaningful only while busy().
+    const MsgSelector& current() const { return sender.getMsgInfo(); }
+
+    // Fills pack with the next piece to send now, starting the next queued
+    // message when none is in flight. Returns true when a piece was produced,
+    // false when nothing is to be sent now.
+    bool nextPiece(MessageCarrierPack& pack);
+
+    // Takes an acknowledgement. Returns true when it belongs to the message in
+    // flight (same addressing and msgNo) and was accepted; false otherwise
+    // (stale, foreign, or beyond what was sent), with nothing changed.
+    bool takeAck(const MessageCarrierACKPack& ack);
+
+    // Looks at the message in flight: after a time-out, arranges for the last
+    // piece to be sent again, or gives the message up when it failed too often.
+    // Returns true when a piece is due to be resent.
+    bool checkTimeout();
+
+    // Drops everything; in-flight and queued messages get a failed result.
+    void abandonAll(const std::string& reason);
+
+    // The results collected since the last call, in completion order.
+    std::vector<DeliveryResult> takeResults();
+
+private:
+    struct Pending {
+        MsgSelector ms;
+        std::vector<uint8_t> data;
+    };
+
+    void finish(bool delivered, const std::string& reason);
+    bool startNext();
+
+    std::deque<Pending> queue;
+    Pending flying;  // its buffer is what the sender points into
+    bool inFlight = false;
+    MsgSender sender;
+    std::vector<DeliveryResult> results;
+};
+
+}  // namespace device

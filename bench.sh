@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Benchmarks. Installs the Debian packages it needs when missing (apt-get),
+# builds Release in build-bench/ and runs everything inside a private network
+# namespace (the hub joins a multicast group; all traffic stays on 127.0.0.1).
+#
+#   ./bench.sh           full run: 3 rounds, scale figures with 10,000 devices
+#   ./bench.sh --quick   short smoke version (about 30 s once built); no timing
+#                        is asserted, exit status 0 when everything ran
+#
+# Prints the result tables and writes bench/results/latest.md, latest.csv and
+# latest.png. Needs root (for the namespace and apt-get).
+set -euo pipefail
+cd "$(dirname "$0")"
+. scripts/deps.sh
+. scripts/bench_deps.sh
+ensure_packages $VELTO_PACKAGES $BENCH_PACKAGES
+
+cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVELTO_BUILD_TESTS=OFF -DVELTO_BUILD_BENCH=ON >/dev/null
+cmake --build build-bench -j2 --target velto-bench
+
+mode=()
+[ "${1:-}" = "--quick" ] && mode=(--quick)
+exec tests/netns.sh "$PWD/build-bench/velto-bench" --bin-dir "$PWD/build-bench" \
+    --out "$PWD/bench/results" ${mode[@]+"${mode[@]}"}

@@ -1,0 +1,94 @@
+#include "tests/support/hub_harness.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace testsupport {
+
+void HubFixture::SetUp() {
+    char buf[4096];
+    oldCwd = getcwd(buf, sizeof buf) ? buf : "/";
+    ASSERT_FALSE(dir.path().empty());
+    ASSERT_EQ(0, mkdir(dir.file("DB").c_str(), 0755));
+    ASSERT_EQ(0, chdir(dir.path().c_str()));
+    ASSERT_TRUE(hubSock.bind(SockAddress("127.0.0.1", 0), false));
+}
+
+void HubFixture::TearDown() {
+    if (capturing) endCapture();
+    std::vector<uint16_t> ids;
+    for (const auto& d : clientMgr.allDevices()) ids.push_back(d.first);
+    for (uint16_t id : ids) clientMgr.destroyClient(id);
+    clientMgr.doCleanUp(UINT64_MAX / 2);  // every newcomer is idle by then
+    std::vector<EventEntry> drained;
+    clientMgr.retrievePendingEventsUpTo(drained, UINT64_MAX);
+    EXPECT_EQ(0, chdir(oldCwd.c_str()));
+}
+
+void HubFixture::deliverBytes(const Bytes& bytes, const SockAddress& from) {
+    handleDatagram(bytes.data(), bytes.size(), from, hubSock);
+}
+
+void HubFixture::deliver(SimDevice& dev, VeltoPacket& pack) { deliverBytes(dev.encode(pack), dev.address()); }
+
+ClientProxy* HubFixture::join(SimDevice& dev, uint64_t clientRand) {
+    NewBornDevicePack born = dev.newBorn("sp");
+    deliver(dev, born);
+    AdoptionOfferPack offer;
+    if (!dev.receive(offer)) return nullptr;
+    NetworkJoinPack request = dev.joinRequest(myDomain, clientRand);
+    deliver(dev, request);
+    JoinAcceptedPack accepted;
+    if (!dev.receive(accepted)) return nullptr;
+    ClientProxy* proxy = clientMgr.getClient(accepted.nodeId);
+    if (proxy == nullptr) return nullptr;
+    dev.nodeId = accepted.nodeId;
+    dev.sessionKey = recoverSessionKey(accepted, clientRand, proxy->record().mainKey);
+    return proxy;
+}
+
+ClientProxy* HubFixture::connect(SimDevice& dev, uint8_t objects) {
+    ClientProxy* proxy = join(dev);
+    if (proxy == nullptr || objects == 0) return nullptr;
+    ConfigSummaryPack summary = dev.configSummary(objects);
+    deliver(dev, summary);
+    for (uint8_t n = 0; n < objects; ++n) {
+        GetObjectInfoPack ask;
+        if (!dev.receive(ask) || ask.objectNo != n) return nullptr;
+        ObjectInfoPack info = dev.objectInfo(n, "obj" + std::to_string(n), "if");
+        deliver(dev, info);
+    }
+    ConfigurationCompletePack done;
+    return dev.receive(done) ? proxy : nullptr;
+}
+
+bool HubFixture::takeMessage(SimDevice& dev, MsgSelector& ms, Bytes& body) {
+    if (!dev.receiveMessage(ms, body)) return false;
+    MessageCarrierACKPack ack = SimDevice::ackFor(ms, static_cast<uint32_t>(body.size()));
+    deliver(dev, ack);
+    return true;
+}
+
+ClientInfo* HubFixture::newComerOf(const SimDevice& dev) {
+    auto it = clientMgr.allNewComers().find(dev.address());
+    return it == clientMgr.allNewComers().end() ? nullptr : it->second;
+}
+
+void HubFixture::startCapture() {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    capturing = true;
+}
+
+CapturedOutput HubFixture::endCapture() {
+    CapturedOutput c;
+    c.out = testing::internal::GetCapturedStdout();
+    c.err = testing::internal::GetCapturedStderr();
+    capturing = false;
+    return c;
+}
+
+}  // namespace testsupport
