@@ -10,9 +10,9 @@
 //    The reassembled message is then sent through a MsgSender to a second
 //    receiver; while it waits, acknowledgements, fallbacks and foreign
 //    acknowledgements chosen by the input come first.
-// 3. The same bytes as each device-management message body (once that module
-//    is implemented); a body read within its caps is written back (the device
-//    list within its own size estimate) and must be a fixed point too.
+// 3. The same bytes as each device-management message body; a body read
+//    within its caps is written back (the device list within its own size
+//    estimate) and must be a fixed point too.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -20,10 +20,8 @@
 
 #include "Velto/Velto.h"
 #include "Velto/msg_sequencers.h"
-#include "fuzz/fuzz_support.h"
-#ifdef VELTO_FUZZ_DM_BODIES
 #include "Velto/Interfaces/DeviceManagementInterface.h"
-#endif
+#include "fuzz/fuzz_support.h"
 
 namespace {
 
@@ -252,7 +250,6 @@ void checkSequencers(const uint8_t* data, size_t size) {
 
 // ---- 3. device-management bodies
 
-#ifdef VELTO_FUZZ_DM_BODIES
 bool textsFit(const RequestBasicDeviceListMsg& m) { return within(m.matchSpecs, m.withName, m.haveObjectWithIface); }
 bool textsFit(const BasicDeviceInfo& d) { return within(d.duid, d.specs, d.nname, d.domain); }
 bool textsFit(const BasicDeviceListMsg& l) {
@@ -300,9 +297,6 @@ void checkBodies(const uint8_t* data, size_t size) {
     checkBody<BasicDeviceInfo>(data, size);
     checkBody<BasicDeviceListMsg>(data, size);
 }
-#else
-void checkBodies(const uint8_t*, size_t) {}
-#endif
 
 }  // namespace
 

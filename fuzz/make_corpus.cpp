@@ -1,20 +1,23 @@
 // Writes the seed corpora of the fuzz harnesses: real packets of every pack
 // type (unsigned and signed), carrier streams of a message in pieces, the
-// device-management message bodies, sample client record files and sample
-// specification and interface documents.
+// device-management message bodies, sample client record files, sample
+// specification and interface documents, and datagram sequences for the hub's
+// dispatch (joins, configuration, pings, messages, acknowledgements,
+// subscriptions, a device-list request) from the two devices fuzz_datagram
+// has joined.
 //
-// Usage: make_corpus <corpus dir>; writes <dir>/fuzz_packs, <dir>/fuzz_record
-// and <dir>/fuzz_xml (which must exist). Returns 0 when every file was written.
+// Usage: make_corpus <corpus dir>; writes <dir>/fuzz_packs, <dir>/fuzz_record,
+// <dir>/fuzz_xml and <dir>/fuzz_datagram (which must exist). Returns 0 when
+// every file was written.
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "Velto/Interfaces/DeviceManagementInterface.h"
 #include "Velto/Velto.h"
 #include "Velto/msg_sequencers.h"
-#ifdef VELTO_FUZZ_DM_BODIES
-#include "Velto/Interfaces/DeviceManagementInterface.h"
-#endif
+#include "fuzz/datagram_input.h"
 
 namespace {
 
@@ -192,7 +195,6 @@ void writeCarrierStream(const std::string& dir, const std::string& name, uint32_
     writeSeed(dir + "/" + name, stream.data(), stream.size());
 }
 
-#ifdef VELTO_FUZZ_DM_BODIES
 // Device-management message bodies as they travel inside carried messages.
 template <typename Body>
 void writeBody(const std::string& dir, const std::string& name, const Body& body, size_t room) {
@@ -233,9 +235,6 @@ void writeBodies(const std::string& dir) {
     list.devList = {lamp, hub};
     writeBody(dir, "dm-device-list", list, list.estimateRequiredSize());
 }
-#else
-void writeBodies(const std::string&) {}
-#endif
 
 void writeRecords(const std::string& dir) {
     writeText(dir + "/full.dev",
@@ -321,6 +320,328 @@ void writeDocuments(const std::string& dir) {
               "<Velto-interface name=\"&n;\"><inherits>&n;.1</inherits></Velto-interface>");
 }
 
+
+// ---- datagram sequences for fuzz_datagram
+
+using fuzzdatagram::DeviceProfile;
+using fuzzdatagram::kLamp;
+using fuzzdatagram::kSwitch;
+
+// The wire bytes of p as node devId sends them, signed with the device's
+// session key when it signs.
+std::vector<uint8_t> wire(VeltoPacket& p, uint16_t devId, const DeviceProfile* signer = nullptr) {
+    static uint32_t packetNo = 1;
+    p.hubId = 17;
+    p.devId = devId;
+    p.packetNo = packetNo++;
+    if (signer != nullptr && signer->sigType != NO_SIGNATURE_TYPE)
+        p.signature.setKey(signer->sigType, signer->sessionKey, sizeof(signer->sessionKey));
+    uint8_t buf[MAX_PACKET_SIZE];
+    const int n = p.serialize(buf, sizeof(buf));
+    if (n < 0) {
+        fprintf(stderr, "pack %u does not fit\n", unsigned(p.id));
+        failed = true;
+        return {};
+    }
+    return std::vector<uint8_t>(buf, buf + n);
+}
+
+std::vector<uint8_t> fromDevice(VeltoPacket& p, const DeviceProfile& d) { return wire(p, d.id, &d); }
+
+// A sequence of datagrams being built into one input.
+class Sequence {
+public:
+    // Appends p as sent by device d from its own address after `clock`.
+    Sequence& send(const DeviceProfile& d, VeltoPacket& p, uint8_t clock = 0) {
+        fuzzdatagram::appendDatagram(input, d.peer, clock, fromDevice(p, d));
+        return *this;
+    }
+    Sequence& raw(uint8_t peer, const std::vector<uint8_t>& bytes, uint8_t clock = 0) {
+        fuzzdatagram::appendDatagram(input, peer, clock, bytes);
+        return *this;
+    }
+    // Only the clock moves.
+    Sequence& wait(uint8_t clock) { return raw(0, {}, clock); }
+    void write(const std::string& path) { writeSeed(path, input.data(), input.size()); }
+
+private:
+    std::vector<uint8_t> input;
+};
+
+PingPongPack ping(uint8_t pingOrPong) {
+    PingPongPack p;
+    p.pingOrPong = pingOrPong;
+    p.replyKey = 0x55;
+    p.random = 0x0102030405060708ULL;
+    return p;
+}
+
+ConfigSummaryPack summaryOf(const char* duid, uint8_t objects) {
+    ConfigSummaryPack p;
+    p.duid = duid;
+    p.noOfObjects = objects;
+    p.maxNoOfObjects = objects;
+    p.maxPacketSize = 400;
+    p.maxMessageSize = 4096;
+    return p;
+}
+
+ObjectInfoPack objectInfo(uint8_t n) {
+    ObjectInfoPack p;
+    p.objectNo = n;
+    p.ifaceType = ObjectInfoPack::VELTO;
+    p.name = "obj" + std::to_string(n);
+    p.interface = "if";
+    return p;
+}
+
+MsgSelector selector(uint8_t cat, uint16_t from, uint8_t fromObj, uint16_t msgId, uint16_t to, uint8_t toObj,
+                     uint32_t msgNo) {
+    MsgSelector ms;
+    ms.msgCat = cat;
+    ms.fromDeviceId = from;
+    ms.fromObjectNo = fromObj;
+    ms.msgId = msgId;
+    ms.toDeviceId = to;
+    ms.toObjectNo = toObj;
+    ms.msgNo = msgNo;
+    return ms;
+}
+
+// The carrier pieces of body as a MsgSender cuts them, sent by d in order.
+void sendMessage(Sequence& seq, const DeviceProfile& d, const MsgSelector& ms, const std::vector<uint8_t>& body) {
+    MsgSender tx;
+    if (!tx.setNewMessage(body.data(), static_cast<uint32_t>(body.size()), ms)) {
+        fprintf(stderr, "message of %zu bytes refused\n", body.size());
+        failed = true;
+        return;
+    }
+    MessageCarrierPack piece;
+    for (int guard = 0; guard < 16 && tx.getNextPack(piece); ++guard) {
+        seq.send(d, piece, 1);
+        piece = MessageCarrierPack();
+    }
+}
+
+MessageCarrierACKPack ackOf(const MsgSelector& ms, uint32_t lastSeqNo) {
+    MessageCarrierACKPack ack;
+    ms.copyTo(ack);
+    ack.lastSeqNo = lastSeqNo;
+    return ack;
+}
+
+std::vector<uint8_t> pattern(size_t n) {
+    std::vector<uint8_t> v(n);
+    for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 13 + 1);
+    return v;
+}
+
+// The device list the hub's node 1 sends back right after a reset: the two
+// devices and then node 1 itself.
+size_t deviceListSize() {
+    BasicDeviceListMsg list;
+    for (const DeviceProfile* d : {&kLamp, &kSwitch}) {
+        BasicDeviceInfo info;
+        info.id = d->id;
+        info.duid = d->duid;
+        info.specs = "sp";
+        info.nname = d->duid;
+        info.intVer = 3;
+        info.status = 6;
+        info.hubId = 17;
+        info.domain = fuzzdatagram::kDomain;
+        list.devList.push_back(info);
+    }
+    BasicDeviceInfo hub;
+    hub.id = fuzzdatagram::kHubNode;
+    hub.duid = "VHubMainServices";
+    hub.specs = "hub.velto.local/Velto/specs/std/HubMainServices.1";
+    hub.nname = "HubMainServices";
+    hub.intVer = 1;
+    hub.hubId = 17;
+    hub.domain = fuzzdatagram::kDomain;
+    list.devList.push_back(hub);
+    std::vector<uint8_t> buf(list.estimateRequiredSize());
+    uint8_t* cursor = buf.data();
+    size_t left = buf.size();
+    return list.addToBuffer(cursor, left) ? buf.size() - left : 0;
+}
+
+// A third device announces itself from a fresh address, joins, is configured
+// with one object and pings.
+void writeNewDevice(const std::string& dir) {
+    const char* duid = "fuzz-plug";
+    const uint16_t id = fuzzdatagram::kFirstFreeNode;
+    Sequence seq;
+    NewBornDevicePack born;
+    born.duid = duid;
+    born.specs = "sp";
+    born.intVer = 1;
+    born.prevn = "plug";
+    born.prevdom = fuzzdatagram::kDomain;
+    seq.raw(fuzzdatagram::SPARE_PEER, wire(born, 0));
+    NetworkJoinPack join;
+    join.duid = duid;
+    join.nname = "plug";
+    join.domain = fuzzdatagram::kDomain;
+    join.clientRand = 0x1122334455667788ULL;
+    join.addrType = NetworkJoinPack::IPV4;
+    join.hubPortNo = 1881;
+    const uint8_t loopback[4] = {127, 0, 0, 1};
+    join.addrValue = ByteArray<32>(loopback, sizeof(loopback));
+    seq.raw(fuzzdatagram::SPARE_PEER, wire(join, 0), 5);
+    ConfigSummaryPack summary = summaryOf(duid, 1);
+    seq.raw(fuzzdatagram::SPARE_PEER, wire(summary, id), 5);
+    ObjectInfoPack info = objectInfo(0);
+    seq.raw(fuzzdatagram::SPARE_PEER, wire(info, id), 5);
+    PingPongPack p = ping(PingPongPack::PING);
+    seq.raw(fuzzdatagram::SPARE_PEER, wire(p, id), 5);
+    seq.write(dir + "/announce-join-configure");
+
+    // The same announcement and join from the lamp's own address and DUID.
+    Sequence again;
+    born.duid = kLamp.duid;
+    join.duid = kLamp.duid;
+    again.raw(kLamp.peer, wire(born, 0)).raw(kLamp.peer, wire(join, 0), 3);
+    again.write(dir + "/lamp-rejoin");
+}
+
+void writeConfiguration(const std::string& dir) {
+    Sequence seq;
+    ConfigSummaryPack summary = summaryOf(kLamp.duid, 3);
+    seq.send(kLamp, summary);
+    for (uint8_t n = 0; n < 3; ++n) {
+        ObjectInfoPack info = objectInfo(n);
+        seq.send(kLamp, info, 2);
+    }
+    seq.write(dir + "/lamp-configuration-signed");
+
+    Sequence plain;
+    ConfigSummaryPack again = summaryOf(kSwitch.duid, 2);
+    plain.send(kSwitch, again);
+    ObjectInfoPack info = objectInfo(1);
+    plain.send(kSwitch, info, 2);
+    plain.write(dir + "/switch-configuration");
+
+    // Signed with a key the hub does not hold for the lamp: dropped.
+    Sequence forged;
+    DeviceProfile impostor = kLamp;
+    impostor.sessionKey[0] ^= 0xff;
+    ConfigSummaryPack bad = summaryOf(kLamp.duid, 1);
+    forged.send(impostor, bad);
+    forged.write(dir + "/lamp-bad-signature");
+}
+
+void writeLiveness(const std::string& dir) {
+    Sequence seq;
+    PingPongPack p = ping(PingPongPack::PING);
+    PingPongPack q = ping(PingPongPack::PONG);
+    seq.send(kSwitch, p).send(kSwitch, q, 20).send(kLamp, p, 20);
+    seq.write(dir + "/ping-pong");
+
+    // Silent beyond the idle time: probed, then answered.
+    Sequence probe;
+    probe.wait(240).wait(150).wait(100).wait(100).send(kLamp, q, 10);
+    probe.write(dir + "/lamp-probed-then-pong");
+
+    // Silent for good: probed, given up and destroyed.
+    Sequence gone;
+    gone.wait(242).wait(239).wait(239).wait(239).wait(239).wait(100).wait(100);
+    gone.write(dir + "/lamp-given-up");
+}
+
+void writeMessages(const std::string& dir) {
+    // Lamp object 0 to switch object 1, two pieces; the switch acknowledges
+    // the message the hub passes down.
+    const MsgSelector direct = selector(DIRECT_MSGCAT, kLamp.id, 0, 5, kSwitch.id, 1, 7);
+    const std::vector<uint8_t> body = pattern(500);
+    Sequence seq;
+    sendMessage(seq, kLamp, direct, body);
+    MessageCarrierACKPack ack = ackOf(direct, static_cast<uint32_t>(body.size()));
+    seq.send(kSwitch, ack, 2);
+    seq.write(dir + "/lamp-two-piece-message");
+
+    // The second piece first, then the first.
+    Sequence reversed;
+    MsgSender tx;
+    MsgSelector ms = direct;
+    ms.msgNo = 8;
+    std::vector<std::vector<uint8_t>> pieces;
+    if (tx.setNewMessage(body.data(), static_cast<uint32_t>(body.size()), ms)) {
+        MessageCarrierPack piece;
+        while (pieces.size() < 4 && tx.getNextPack(piece)) {
+            pieces.push_back(fromDevice(piece, kLamp));
+            piece = MessageCarrierPack();
+        }
+    }
+    for (auto it = pieces.rbegin(); it != pieces.rend(); ++it) reversed.raw(kLamp.peer, *it, 1);
+    reversed.write(dir + "/lamp-pieces-reversed");
+
+    // The switch subscribes to notification 9 of the lamp's object 0, which
+    // the lamp then sends; the switch acknowledges it.
+    Sequence notify;
+    NotificationSubscriptionPack sub;
+    sub.nodeId = kLamp.id;
+    sub.objectNo = 0;
+    sub.eventId = 9;
+    sub.subscribe = 1;
+    notify.send(kSwitch, sub);
+    const MsgSelector note = selector(NOTIFICATION_MSGCAT, kLamp.id, 0, 9, 0, 0, 3);
+    sendMessage(notify, kLamp, note, pattern(24));
+    MessageCarrierACKPack noteAck = ackOf(note, 24);
+    notify.send(kSwitch, noteAck, 1);
+    sub.subscribe = 0;
+    notify.send(kSwitch, sub, 1);
+    notify.write(dir + "/switch-subscribes-lamp-notifies");
+
+    // The switch asks node 1 for the device list and acknowledges the answer.
+    Sequence list;
+    RequestBasicDeviceListMsg request;
+    request.matchSpecs = "sp";
+    std::vector<uint8_t> req(MAX_PACKET_SIZE);
+    uint8_t* cursor = req.data();
+    size_t left = req.size();
+    if (!request.addToBuffer(cursor, left)) failed = true;
+    req.resize(req.size() - left);
+    const MsgSelector ask =
+        selector(DIRECT_MSGCAT, kSwitch.id, 0, RequestBasicDeviceListMsg::MSG_ID, fuzzdatagram::kHubNode, 1, 1);
+    sendMessage(list, kSwitch, ask, req);
+    const MsgSelector answer =
+        selector(DIRECT_MSGCAT, fuzzdatagram::kHubNode, 1, BasicDeviceListMsg::MSG_ID, kSwitch.id, 0, 1);
+    MessageCarrierACKPack listAck = ackOf(answer, static_cast<uint32_t>(deviceListSize()));
+    list.send(kSwitch, listAck, 2);
+    list.write(dir + "/switch-device-list");
+
+    // An acknowledgement of nothing the hub sent.
+    Sequence stray;
+    MessageCarrierACKPack lone = ackOf(direct, 326);
+    stray.send(kLamp, lone);
+    stray.write(dir + "/stray-ack");
+}
+
+// Too short, an unknown node and a pack id without a handler.
+void writeOddities(const std::string& dir) {
+    Sequence seq;
+    seq.raw(fuzzdatagram::SPARE_PEER + 1, {0x14});
+    PingPongPack p = ping(PingPongPack::PING);
+    seq.raw(fuzzdatagram::SPARE_PEER + 1, wire(p, 4242), 1);
+    MessageErrorPack err;
+    err.errorCode = MessageErrorPack::PERMISSION_DENIED;
+    err.category = DIRECT_MSGCAT;
+    err.fromNodeId = kSwitch.id;
+    err.toNodeId = kLamp.id;
+    seq.send(kSwitch, err, 1);
+    seq.write(dir + "/oddities");
+}
+
+void writeDatagramSeeds(const std::string& dir) {
+    writeNewDevice(dir);
+    writeConfiguration(dir);
+    writeLiveness(dir);
+    writeMessages(dir);
+    writeOddities(dir);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -337,5 +658,6 @@ int main(int argc, char** argv) {
     writeBodies(packs);
     writeRecords(root + "/fuzz_record");
     writeDocuments(root + "/fuzz_xml");
+    writeDatagramSeeds(root + "/fuzz_datagram");
     return failed ? 1 : 0;
 }
