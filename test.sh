@@ -2,7 +2,8 @@
 # Installs what is missing, builds everything in build/ and runs every test;
 # then builds and runs the same suite under AddressSanitizer and
 # UndefinedBehaviorSanitizer in build-san/, and runs each libFuzzer harness for
-# 30 seconds on its seeds from build-fuzz/ (clang). Exits non-zero on any
+# 30 seconds on its seeds from build-fuzz/ (clang), then smoke-runs the
+# benchmarks. Exits non-zero on any
 # failure, sanitizer report or fuzz finding.
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -26,3 +27,7 @@ CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo 
     -DVELTO_FUZZ=ON -DVELTO_BUILD_TESTS=OFF
 cmake --build build-fuzz -j2 --target fuzz_record fuzz_xml fuzz_packs fuzz_datagram
 fuzz/run.sh -t 30
+
+# The benchmarks' 30-second smoke run: every system starts, is driven and
+# reported; no timing is judged here.
+./bench.sh --quick
