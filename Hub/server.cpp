@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "Hub/configuration.h"
+#include "Hub/log_line.h"
 #include "Hub/messages.h"
 #include "Hub/newDevice.h"
 
@@ -89,10 +90,11 @@ uint32_t millisecondsUntil(Timestamp deadline, Timestamp now) {
     return now < deadline ? static_cast<uint32_t>(deadline - now) : 0;
 }
 
-// One datagram: first without waiting; only when nothing is queued is the
-// output flushed and the bounded wait made. Returns the receive result.
+// One datagram: first a non-blocking receive (one system call while datagrams
+// are queued); only when nothing is queued is the output flushed and the
+// bounded wait made. Returns the receive result.
 int receiveDatagram(UdpSocket& sock, uint8_t* buffer, SockAddress* peer, uint32_t waitMs) {
-    int bytes = sock.recvWithTo(buffer, RECV_BUFFER_SIZE, peer, 0);
+    int bytes = sock.recvNoWait(buffer, RECV_BUFFER_SIZE, peer);
     if (bytes != 0) return bytes;
     flushOutput();
     if (waitMs == 0 || stopRequested) return 0;
@@ -107,11 +109,14 @@ void reportReceiveError() {
 }
 
 // Flush and clean-up, judged against the pass's own now; each deadline moves
-// forward from a fresh clock reading taken after its work.
+// forward from a fresh clock reading taken after its work. A flush round
+// writes a few milliseconds' worth of records per pass until it is done.
 void doPeriodicWork(PeriodicDeadlines& d, Timestamp now) {
     if (now >= d.nextFlush) {
         clientMgr.doFlush(now);
         d.nextFlush = currentTime() + d.flushEvery;
+    } else {
+        clientMgr.continueFlush();
     }
     if (now >= d.nextCleanup) {
         clientMgr.doCleanUp(now);
@@ -129,19 +134,19 @@ void keyWithSessionKey(T& pack, uint8_t sigType, ClientProxy& client) {
 }
 
 void logDeserializeFailure(const VeltoPacket& pack) {
-    std::cerr << "ERROR !!! Failed to deserialize Packet ID " << unsigned(pack.id)
-              << " have signature type: " << unsigned(pack.signature.signatureType()) << '\n';
+    LogLine(std::cerr) << "ERROR !!! Failed to deserialize Packet ID " << unsigned(pack.id)
+                       << " have signature type: " << unsigned(pack.signature.signatureType()) << '\n';
 }
 
 void logVerifyFailure(const char* prefix, const VeltoPacket& pack) {
-    std::cerr << prefix << "Failed to verify signature for Packet ID " << unsigned(pack.id)
-              << " have signature type: " << unsigned(pack.signature.signatureType()) << '\n';
+    LogLine(std::cerr) << prefix << "Failed to verify signature for Packet ID " << unsigned(pack.id)
+                       << " have signature type: " << unsigned(pack.signature.signatureType()) << '\n';
 }
 
 void logPacketTrace(const VeltoPacket& pack, size_t size) {
-    std::cout << "DBG: Packet ID " << unsigned(pack.id) << " sz=" << size << " from " << pack.devId
-              << " signature type: " << unsigned(pack.signature.signatureType())
-              << " verified: " << (pack.signature.verified() ? 1 : 0) << '\n';
+    LogLine(std::cout) << "DBG: Packet ID " << unsigned(pack.id) << " sz=" << size << " from " << pack.devId
+                       << " signature type: " << unsigned(pack.signature.signatureType())
+                       << " verified: " << (pack.signature.verified() ? 1 : 0) << '\n';
 }
 
 // Packs 1 and 3 come from senders that have no key yet: read without one, and
@@ -267,7 +272,8 @@ void mainThread(UdpSocket& sock) {
     while (!stopRequested) {
         SockAddress peer;  // the any-address, port 0
         Timestamp now = events.runDue(currentTime());
-        uint32_t wait = millisecondsUntil(events.nextEventTime(now), now);
+        // While a flush round has records left the loop only looks for datagrams.
+        uint32_t wait = clientMgr.flushPending() ? 0 : millisecondsUntil(events.nextEventTime(now), now);
 
         int bytes = receiveDatagram(sock, recvBuffer, &peer, wait);
         if (bytes < 0)
@@ -282,7 +288,7 @@ void mainThread(UdpSocket& sock) {
 void handleDatagram(const uint8_t* data, size_t bytes, const SockAddress& peer, UdpSocket& sock) {
     VeltoPacket header;
     if (header.deserialize(data, bytes, false) < 1) {
-        std::cerr << " received too small packet to deserialize id " << bytes << " bytes\n";
+        LogLine(std::cerr) << " received too small packet to deserialize id " << bytes << " bytes\n";
         return;
     }
     switch (header.id) {
@@ -303,8 +309,8 @@ void handleConnectedMsgs(const VeltoPacket& header, const uint8_t* data, size_t 
     ClientProxy* client = clientMgr.getClient(header.devId);
     if (client == nullptr) {
         // kept: the pack id is written as a raw character, not as a number
-        std::cerr << "handleConnectedMsgs(): Failed to get client for nodeId=" << header.devId
-                  << " msgId=" << static_cast<char>(header.id) << " from " << peer << '\n';
+        LogLine(std::cerr) << "handleConnectedMsgs(): Failed to get client for nodeId=" << header.devId
+                           << " msgId=" << static_cast<char>(header.id) << " from " << peer << '\n';
         return;
     }
     uint8_t sigType = header.signature.signatureType();

@@ -1,10 +1,11 @@
 #include "Velto/UdpSocket.h"
 
 #include <arpa/inet.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <istream>
 #include <ostream>
@@ -142,27 +143,42 @@ int UdpSocket::sendTo(const SockAddress& to, uint8_t* data, size_t size) {
     return static_cast<int>(n);
 }
 
-int UdpSocket::recv(uint8_t* buffer, size_t capacity, SockAddress* from) {
-    if (fd < 0 || buffer == nullptr) return -1;
+namespace {
+
+// recvfrom with the given flags; the byte count or -1, `from` set on success.
+int receiveFrom(int fd, uint8_t* buffer, size_t capacity, SockAddress* from, int flags) {
     sockaddr_in sa;
     memset(&sa, 0, sizeof(sa));
     socklen_t len = sizeof(sa);
-    const ssize_t n = ::recvfrom(fd, buffer, capacity, 0, reinterpret_cast<sockaddr*>(&sa), &len);
+    const ssize_t n = ::recvfrom(fd, buffer, capacity, flags, reinterpret_cast<sockaddr*>(&sa), &len);
     if (n < 0) return -1;
     if (from != nullptr) from->setSockAddr(sa);
     return static_cast<int>(n);
 }
 
+}  // namespace
+
+int UdpSocket::recv(uint8_t* buffer, size_t capacity, SockAddress* from) {
+    if (fd < 0 || buffer == nullptr) return -1;
+    return receiveFrom(fd, buffer, capacity, from, 0);
+}
+
+int UdpSocket::recvNoWait(uint8_t* buffer, size_t capacity, SockAddress* from) {
+    if (fd < 0 || buffer == nullptr) return -1;
+    const int n = receiveFrom(fd, buffer, capacity, from, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+    return n;
+}
+
 int UdpSocket::recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout) {
-    // select() cannot watch a descriptor beyond FD_SETSIZE.
-    if (fd < 0 || fd >= FD_SETSIZE) return -1;
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    timeval tv;
-    tv.tv_sec = static_cast<time_t>(timeout / 1000);
-    tv.tv_usec = static_cast<suseconds_t>((timeout % 1000) * 1000);
-    const int r = ::select(fd + 1, &readable, nullptr, nullptr, &tv);
+    if (fd < 0) return -1;
+    pollfd p;
+    p.fd = fd;
+    p.events = POLLIN;
+    p.revents = 0;
+    // poll takes a signed int of milliseconds: longer waits are cut to its range.
+    const int ms = timeout > 0x7fffffffu ? 0x7fffffff : static_cast<int>(timeout);
+    const int r = ::poll(&p, 1, ms);
     if (r <= 0) return r < 0 ? -1 : 0;
     return recv(buffer, capacity, from);
 }
