@@ -378,12 +378,16 @@ void ClientProxy::downSendNextSequence() {
         startSending(next.msgPtr, next.sz, next.ms);
     }
     // Bounded: each pass consumes a piece, and a sender that produces none stops the loop.
-    while (downSender.getStatus() == MsgSender::SEND_NOW) {
+    MsgSender::SenderStatus status;
+    while ((status = downSender.getStatus()) == MsgSender::SEND_NOW) {
         MessageCarrierPack pack;
-        if (!downSender.getNextPack(pack)) break;
+        if (!downSender.getNextPack(pack)) {
+            status = downSender.getStatus();
+            break;
+        }
         sendPacketToDevice(pack);
     }
-    if (downSender.getStatus() == MsgSender::DELAYED_SEND) {
+    if (status == MsgSender::DELAYED_SEND) {
         nodeStatus.downSendAfter = currentTime() + static_cast<Timestamp>(downSender.getMinDelay());
         requestEvent(EventEntry::DELAYED_SND, nodeStatus.downSendAfter);
     }

@@ -128,6 +128,7 @@ ClientProxy* ClientManager::makeDeviceActive(ClientInfo* info, UdpSocket* socket
     ClientProxy*& slot = devices[info->record.id];
     if (slot != nullptr) replaced.push_back(slot);
     slot = proxy;
+    index(info->record.id, proxy);
     newComers.erase(it);
     delete info;
     return proxy;
@@ -140,8 +141,7 @@ uint8_t ClientManager::offerScoreForDevice(const ClientInfo& info) {
 bool ClientManager::avoidDevice(const SockAddress&, const std::string&, const std::string&, uint8_t) { return false; }
 
 ClientProxy* ClientManager::getClient(uint16_t id) {
-    auto it = devices.find(id);
-    return it == devices.end() ? nullptr : it->second;
+    return id < byId.size() ? byId[id] : nullptr;
 }
 
 bool ClientManager::addVirtualClient(uint16_t id, VirtualClient* vc) {
@@ -236,6 +236,15 @@ void ClientManager::writeRecord(const ClientDBRec& rec) {
         lastWritten.erase(rec.duid);
 }
 
+// Keeps byId in step with `devices`; it grows to the highest id seen.
+void ClientManager::index(uint16_t id, ClientProxy* proxy) {
+    if (id >= byId.size()) {
+        if (proxy == nullptr) return;
+        byId.resize(static_cast<size_t>(id) + 1, nullptr);
+    }
+    byId[id] = proxy;
+}
+
 void ClientManager::doCleanUp(Timestamp now) {
     freeLeftBehind();
     dropIdleNewComers(now);
@@ -300,6 +309,7 @@ void ClientManager::destroyClient(uint16_t id) {
     for (auto& entry : virtualClients)
         if (entry.second) entry.second->deviceHadBeenRemoved(id);
     devices.erase(id);
+    index(id, nullptr);
     if (proxy) lastWritten.erase(proxy->record().duid);
     delete proxy;
 }

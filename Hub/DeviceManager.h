@@ -197,6 +197,7 @@ public:
 
 private:
     ClientInfo* loadOtherNewComer(const SockAddress& addr, const std::string& duid);
+    void index(uint16_t id, ClientProxy* proxy);
     void writeRecord(const ClientDBRec& rec);
     void flushRecord(const ClientDBRec& rec);
     void flushSlice();
@@ -208,6 +209,9 @@ private:
     ClientsDatabase& db;
     std::map<SockAddress, ClientInfo*> newComers;
     std::map<uint16_t, ClientProxy*> devices;
+    // The same proxies indexed by id (null where none), for the per-datagram
+    // lookup: a vector as long as the highest id seen.
+    std::vector<ClientProxy*> byId;
     std::map<uint16_t, VirtualClient*> virtualClients;
     EventEntry* eventArray;
     MinHeap<EventEntry>* events;

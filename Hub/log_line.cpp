@@ -1,21 +1,14 @@
-// Decimal formatting and buffering of LogLine.
+// The out-of-line parts of LogLine: long texts, addresses and the write.
 #include "Hub/log_line.h"
-
-#include <cstring>
-
-LogLine& LogLine::operator<<(const char* text) {
-    if (text == nullptr) return *this;
-    return append(text, strlen(text));
-}
 
 LogLine& LogLine::operator<<(const SockAddress& a) {
     return *this << '[' << a.ipAddr() << "]:" << static_cast<unsigned>(a.port());
 }
 
-LogLine& LogLine::append(const char* text, size_t n) {
+LogLine& LogLine::appendInPieces(const char* text, size_t n) {
     while (n > 0) {
         if (used == CAPACITY) end();
-        size_t take = CAPACITY - used < n ? CAPACITY - used : n;
+        const size_t take = CAPACITY - used < n ? CAPACITY - used : n;
         memcpy(buffer + used, text, take);
         used += take;
         text += take;
@@ -24,25 +17,16 @@ LogLine& LogLine::append(const char* text, size_t n) {
     return *this;
 }
 
-LogLine& LogLine::unsignedNumber(unsigned long long v) {
-    char digits[20];
-    size_t n = 0;
-    do {
-        digits[sizeof(digits) - 1 - n++] = static_cast<char>('0' + v % 10);
-        v /= 10;
-    } while (v != 0);
-    return append(digits + sizeof(digits) - n, n);
-}
-
-LogLine& LogLine::signedNumber(long long v) {
-    if (v >= 0) return unsignedNumber(static_cast<unsigned long long>(v));
-    put('-');
-    // The magnitude in unsigned arithmetic: right for the most negative value too.
-    return unsignedNumber(0ull - static_cast<unsigned long long>(v));
-}
-
+// What ostream::write does, without its sentry when the sentry has nothing to
+// do (no tied stream to flush, no unitbuf, stream good).
 void LogLine::end() {
     if (used == 0) return;
-    out.write(buffer, static_cast<std::streamsize>(used));
+    const std::streamsize n = static_cast<std::streamsize>(used);
     used = 0;
+    std::streambuf* sink = out.rdbuf();
+    if (sink == nullptr || out.tie() != nullptr || (out.flags() & std::ios::unitbuf) || !out.good()) {
+        out.write(buffer, n);
+        return;
+    }
+    if (sink->sputn(buffer, n) != n) out.setstate(std::ios::badbit);
 }
