@@ -90,12 +90,22 @@ uint32_t millisecondsUntil(Timestamp deadline, Timestamp now) {
     return now < deadline ? static_cast<uint32_t>(deadline - now) : 0;
 }
 
+// How long the loop looks for a next datagram before it writes its output
+// out, microseconds. Traffic in flight (an acknowledgement, the next piece)
+// mostly comes back within this; the log write then waits for a real pause
+// (or a full buffer) instead of delaying that datagram.
+constexpr uint32_t OUTPUT_GRACE_US = 100;
+
 // One datagram: first a non-blocking receive (one system call while datagrams
-// are queued); only when nothing is queued is the output flushed and the
-// bounded wait made. Returns the receive result.
+// are queued), then a short look ahead; only when nothing comes is the output
+// flushed and the bounded wait made. Returns the receive result.
 int receiveDatagram(UdpSocket& sock, uint8_t* buffer, SockAddress* peer, uint32_t waitMs) {
     int bytes = sock.recvNoWait(buffer, RECV_BUFFER_SIZE, peer);
     if (bytes != 0) return bytes;
+    if (waitMs > 0 && !stopRequested) {
+        bytes = sock.recvWithToMicros(buffer, RECV_BUFFER_SIZE, peer, OUTPUT_GRACE_US);
+        if (bytes != 0) return bytes;
+    }
     flushOutput();
     if (waitMs == 0 || stopRequested) return 0;
     return sock.recvWithTo(buffer, RECV_BUFFER_SIZE, peer, waitMs);

@@ -156,6 +156,22 @@ int receiveFrom(int fd, uint8_t* buffer, size_t capacity, SockAddress* from, int
     return static_cast<int>(n);
 }
 
+// Waits at most micros microseconds for fd to become readable (poll(), which
+// takes any descriptor number, unlike select()). 1 when readable, 0 on
+// time-out, -1 on error.
+int waitReadable(int fd, uint64_t micros) {
+    pollfd p;
+    p.fd = fd;
+    p.events = POLLIN;
+    p.revents = 0;
+    timespec ts;
+    ts.tv_sec = static_cast<time_t>(micros / 1000000u);
+    ts.tv_nsec = static_cast<long>((micros % 1000000u) * 1000u);
+    const int r = ::ppoll(&p, 1, &ts, nullptr);
+    if (r < 0) return -1;
+    return r > 0 ? 1 : 0;
+}
+
 }  // namespace
 
 int UdpSocket::recv(uint8_t* buffer, size_t capacity, SockAddress* from) {
@@ -172,13 +188,14 @@ int UdpSocket::recvNoWait(uint8_t* buffer, size_t capacity, SockAddress* from) {
 
 int UdpSocket::recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout) {
     if (fd < 0) return -1;
-    pollfd p;
-    p.fd = fd;
-    p.events = POLLIN;
-    p.revents = 0;
-    // poll takes a signed int of milliseconds: longer waits are cut to its range.
-    const int ms = timeout > 0x7fffffffu ? 0x7fffffff : static_cast<int>(timeout);
-    const int r = ::poll(&p, 1, ms);
-    if (r <= 0) return r < 0 ? -1 : 0;
+    const int r = waitReadable(fd, static_cast<uint64_t>(timeout) * 1000u);
+    if (r <= 0) return r;
+    return recv(buffer, capacity, from);
+}
+
+int UdpSocket::recvWithToMicros(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t micros) {
+    if (fd < 0) return -1;
+    const int r = waitReadable(fd, micros);
+    if (r <= 0) return r;
     return recv(buffer, capacity, from);
 }
