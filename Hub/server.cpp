@@ -96,19 +96,67 @@ uint32_t millisecondsUntil(Timestamp deadline, Timestamp now) {
 // (or a full buffer) instead of delaying that datagram.
 constexpr uint32_t OUTPUT_GRACE_US = 100;
 
-// One datagram: first a non-blocking receive (one system call while datagrams
-// are queued), then a short look ahead; only when nothing comes is the output
-// flushed and the bounded wait made. Returns the receive result.
-int receiveDatagram(UdpSocket& sock, uint8_t* buffer, SockAddress* peer, uint32_t waitMs) {
-    int bytes = sock.recvNoWait(buffer, RECV_BUFFER_SIZE, peer);
-    if (bytes != 0) return bytes;
-    if (waitMs > 0 && !stopRequested) {
-        bytes = sock.recvWithToMicros(buffer, RECV_BUFFER_SIZE, peer, OUTPUT_GRACE_US);
-        if (bytes != 0) return bytes;
+// Datagrams taken from the socket together, handed to the loop one per pass
+// in arrival order: while traffic queues up, one system call serves several
+// passes.
+class ReceivedDatagrams {
+public:
+    static constexpr size_t CAPACITY = 16;
+
+    bool empty() const { return next >= count; }
+    // Takes what the socket has queued (at most CAPACITY); the receive result.
+    int refill(UdpSocket& sock) {
+        next = count = 0;
+        const int n = sock.recvBatchNoWait(&data[0][0], RECV_BUFFER_SIZE, CAPACITY, sizes, peers);
+        if (n > 0) count = static_cast<size_t>(n);
+        return n;
     }
-    flushOutput();
-    if (waitMs == 0 || stopRequested) return 0;
-    return sock.recvWithTo(buffer, RECV_BUFFER_SIZE, peer, waitMs);
+    // Stores the result of a single receive made into slot(); the result.
+    // Nothing is kept for 0 (time-out, or an empty datagram, which the loop
+    // drops either way) or -1.
+    int single(int bytes, const SockAddress& peer) {
+        next = count = 0;
+        if (bytes <= 0) return bytes;
+        sizes[0] = bytes;
+        peers[0] = peer;
+        count = 1;
+        return bytes;
+    }
+    uint8_t* slot() { return data[0]; }
+    // The next datagram (not empty()): its bytes, sender and byte count.
+    int take(const uint8_t*& bytes, SockAddress& peer) {
+        bytes = data[next];
+        peer = peers[next];
+        return sizes[next++];
+    }
+
+private:
+    uint8_t data[CAPACITY][RECV_BUFFER_SIZE];
+    int sizes[CAPACITY];
+    SockAddress peers[CAPACITY];
+    size_t next = 0;
+    size_t count = 0;
+};
+
+// One datagram: the next one already taken from the socket, else whatever the
+// socket has queued (without waiting), else a short look ahead; only when
+// nothing comes is the output flushed and the bounded wait made. Returns the
+// receive result (the datagram's byte count, 0 for none, -1 on error).
+int receiveDatagram(UdpSocket& sock, ReceivedDatagrams& in, const uint8_t*& data, SockAddress& peer,
+                    uint32_t waitMs) {
+    if (in.empty()) {
+        SockAddress from;
+        int r = in.refill(sock);
+        if (r == 0 && waitMs > 0 && !stopRequested)
+            r = in.single(sock.recvWithToMicros(in.slot(), RECV_BUFFER_SIZE, &from, OUTPUT_GRACE_US), from);
+        if (r == 0) {
+            flushOutput();
+            if (waitMs == 0 || stopRequested) return 0;
+            r = in.single(sock.recvWithTo(in.slot(), RECV_BUFFER_SIZE, &from, waitMs), from);
+        }
+        if (r <= 0) return r;
+    }
+    return in.take(data, peer);
 }
 
 // A receive interrupted by a stop signal is not an error.
@@ -272,7 +320,7 @@ Timestamp EventBatch::nextEventTime(Timestamp now) const {
 }
 
 void mainThread(UdpSocket& sock) {
-    uint8_t recvBuffer[RECV_BUFFER_SIZE];
+    ReceivedDatagrams received;
     PeriodicDeadlines deadlines;
     deadlines.nextCleanup = currentTime() + MaxCleanupInterval;
     deadlines.flushEvery = flushIntervalFromEnvironment();
@@ -285,11 +333,12 @@ void mainThread(UdpSocket& sock) {
         // While a flush round has records left the loop only looks for datagrams.
         uint32_t wait = clientMgr.flushPending() ? 0 : millisecondsUntil(events.nextEventTime(now), now);
 
-        int bytes = receiveDatagram(sock, recvBuffer, &peer, wait);
+        const uint8_t* datagram = nullptr;
+        int bytes = receiveDatagram(sock, received, datagram, peer, wait);
         if (bytes < 0)
             reportReceiveError();
         else if (bytes > 0)
-            handleDatagram(recvBuffer, static_cast<size_t>(bytes), peer, sock);
+            handleDatagram(datagram, static_cast<size_t>(bytes), peer, sock);
 
         doPeriodicWork(deadlines, now);
     }

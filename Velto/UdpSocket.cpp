@@ -186,6 +186,32 @@ int UdpSocket::recvNoWait(uint8_t* buffer, size_t capacity, SockAddress* from) {
     return n;
 }
 
+int UdpSocket::recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms) {
+    if (fd < 0 || buffers == nullptr || sizes == nullptr || froms == nullptr) return -1;
+    if (count > MAX_BATCH) count = MAX_BATCH;
+    if (count == 0) return 0;
+    mmsghdr msgs[MAX_BATCH];
+    iovec iov[MAX_BATCH];
+    sockaddr_in addrs[MAX_BATCH];
+    memset(msgs, 0, sizeof(mmsghdr) * count);
+    memset(addrs, 0, sizeof(sockaddr_in) * count);
+    for (size_t i = 0; i < count; ++i) {
+        iov[i].iov_base = buffers + i * capacity;
+        iov[i].iov_len = capacity;
+        msgs[i].msg_hdr.msg_iov = &iov[i];
+        msgs[i].msg_hdr.msg_iovlen = 1;
+        msgs[i].msg_hdr.msg_name = &addrs[i];
+        msgs[i].msg_hdr.msg_namelen = sizeof(addrs[i]);
+    }
+    const int n = ::recvmmsg(fd, msgs, static_cast<unsigned>(count), MSG_DONTWAIT, nullptr);
+    if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
+    for (int i = 0; i < n; ++i) {
+        sizes[i] = static_cast<int>(msgs[i].msg_len);
+        froms[i].setSockAddr(addrs[i]);
+    }
+    return n;
+}
+
 int UdpSocket::recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout) {
     if (fd < 0) return -1;
     const int r = waitReadable(fd, static_cast<uint64_t>(timeout) * 1000u);

@@ -91,6 +91,13 @@ public:
     // capacity), 0 when nothing is queued, -1 when closed, buffer null or on
     // error. One system call; `from` (if not null) gets the sender.
     int recvNoWait(uint8_t* buffer, size_t capacity, SockAddress* from);
+    // Up to `count` (at most MAX_BATCH) queued datagrams without waiting, in
+    // one system call: datagram i goes to buffers + i * capacity, cut to
+    // capacity bytes, its byte count to sizes[i] and its sender to froms[i].
+    // Returns how many were taken, 0 when nothing is queued, -1 when closed,
+    // an argument is null or on error.
+    static constexpr size_t MAX_BATCH = 32;
+    int recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms);
 
 private:
     int fd = -1;

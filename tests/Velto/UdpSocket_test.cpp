@@ -184,3 +184,35 @@ TEST(UdpSocketTest, WaitsWorkOnDescriptorsAbove1024) {
     for (int fd : filler) close(fd);
     setrlimit(RLIMIT_NOFILE, &lim);
 }
+
+TEST(UdpSocketTest, BatchReceiveKeepsOrderSizesAndSenders) {
+    UdpSocket rx, a, b;
+    const SockAddress rxAddr = bindLoopback(rx);
+    const SockAddress aAddr = bindLoopback(a, "127.0.0.2");
+    const SockAddress bAddr = bindLoopback(b, "127.0.0.3");
+    uint8_t buffers[3 * 8];
+    int sizes[3] = {-5, -5, -5};
+    SockAddress froms[3];
+    EXPECT_EQ(0, rx.recvBatchNoWait(buffers, 8, 3, sizes, froms));  // nothing queued
+    EXPECT_EQ(-1, rx.recvBatchNoWait(nullptr, 8, 3, sizes, froms));
+    EXPECT_EQ(-1, UdpSocket().recvBatchNoWait(buffers, 8, 3, sizes, froms));
+
+    const uint8_t one[3] = {1, 1, 1}, two[10] = {2, 2, 2, 2, 2, 2, 2, 2, 2, 2}, three[1] = {3};
+    ASSERT_EQ(3, a.sendTo(rxAddr, const_cast<uint8_t*>(one), sizeof(one)));
+    ASSERT_EQ(10, b.sendTo(rxAddr, const_cast<uint8_t*>(two), sizeof(two)));
+    ASSERT_EQ(1, a.sendTo(rxAddr, const_cast<uint8_t*>(three), sizeof(three)));
+    // Loopback delivers within sendTo: all three are queued now.
+    ASSERT_EQ(2, rx.recvBatchNoWait(buffers, 8, 2, sizes, froms));
+    EXPECT_EQ(3, sizes[0]);
+    EXPECT_EQ(0, memcmp(buffers, one, 3));
+    EXPECT_EQ(aAddr, froms[0]);
+    EXPECT_EQ(8, sizes[1]);  // cut to the capacity
+    EXPECT_EQ(0, memcmp(buffers + 8, two, 8));
+    EXPECT_EQ(bAddr, froms[1]);
+    EXPECT_EQ(-5, sizes[2]);
+    ASSERT_EQ(1, rx.recvBatchNoWait(buffers, 8, 3, sizes, froms));
+    EXPECT_EQ(1, sizes[0]);
+    EXPECT_EQ(3, buffers[0]);
+    EXPECT_EQ(aAddr, froms[0]);
+    EXPECT_EQ(0, rx.recvBatchNoWait(buffers, 8, 3, sizes, froms));
+}
