@@ -104,25 +104,14 @@ public:
     static constexpr size_t CAPACITY = 16;
 
     bool empty() const { return next >= count; }
-    // Takes what the socket has queued (at most CAPACITY); the receive result.
+    // Takes what the socket has queued (at most CAPACITY) without waiting:
+    // how many, 0 for none, -1 on error.
     int refill(UdpSocket& sock) {
         next = count = 0;
         const int n = sock.recvBatchNoWait(&data[0][0], RECV_BUFFER_SIZE, CAPACITY, sizes, peers);
         if (n > 0) count = static_cast<size_t>(n);
         return n;
     }
-    // Stores the result of a single receive made into slot(); the result.
-    // Nothing is kept for 0 (time-out, or an empty datagram, which the loop
-    // drops either way) or -1.
-    int single(int bytes, const SockAddress& peer) {
-        next = count = 0;
-        if (bytes <= 0) return bytes;
-        sizes[0] = bytes;
-        peers[0] = peer;
-        count = 1;
-        return bytes;
-    }
-    uint8_t* slot() { return data[0]; }
     // The next datagram (not empty()): its bytes, sender and byte count.
     int take(const uint8_t*& bytes, SockAddress& peer) {
         bytes = data[next];
@@ -138,21 +127,27 @@ private:
     size_t count = 0;
 };
 
+// Waits up to micros for a datagram, then takes what is queued; the result
+// of the wait (0, -1) or of the refill.
+int waitAndRefill(UdpSocket& sock, ReceivedDatagrams& in, uint64_t micros) {
+    const int w = sock.waitReadable(micros);
+    return w <= 0 ? w : in.refill(sock);
+}
+
 // One datagram: the next one already taken from the socket, else whatever the
-// socket has queued (without waiting), else a short look ahead; only when
-// nothing comes is the output flushed and the bounded wait made. Returns the
-// receive result (the datagram's byte count, 0 for none, -1 on error).
+// socket has queued (without waiting), else whatever comes within a short
+// look ahead; only when nothing comes is the output flushed and the bounded
+// wait made. Returns the datagram's byte count (0 when none came, also for an
+// empty datagram) or -1 on error.
 int receiveDatagram(UdpSocket& sock, ReceivedDatagrams& in, const uint8_t*& data, SockAddress& peer,
                     uint32_t waitMs) {
     if (in.empty()) {
-        SockAddress from;
         int r = in.refill(sock);
-        if (r == 0 && waitMs > 0 && !stopRequested)
-            r = in.single(sock.recvWithToMicros(in.slot(), RECV_BUFFER_SIZE, &from, OUTPUT_GRACE_US), from);
+        if (r == 0 && waitMs > 0 && !stopRequested) r = waitAndRefill(sock, in, OUTPUT_GRACE_US);
         if (r == 0) {
             flushOutput();
             if (waitMs == 0 || stopRequested) return 0;
-            r = in.single(sock.recvWithTo(in.slot(), RECV_BUFFER_SIZE, &from, waitMs), from);
+            r = waitAndRefill(sock, in, static_cast<uint64_t>(waitMs) * 1000u);
         }
         if (r <= 0) return r;
     }

@@ -159,7 +159,7 @@ int receiveFrom(int fd, uint8_t* buffer, size_t capacity, SockAddress* from, int
 // Waits at most micros microseconds for fd to become readable (poll(), which
 // takes any descriptor number, unlike select()). 1 when readable, 0 on
 // time-out, -1 on error.
-int waitReadable(int fd, uint64_t micros) {
+int pollReadable(int fd, uint64_t micros) {
     pollfd p;
     p.fd = fd;
     p.events = POLLIN;
@@ -214,14 +214,12 @@ int UdpSocket::recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, 
 
 int UdpSocket::recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout) {
     if (fd < 0) return -1;
-    const int r = waitReadable(fd, static_cast<uint64_t>(timeout) * 1000u);
+    const int r = pollReadable(fd, static_cast<uint64_t>(timeout) * 1000u);
     if (r <= 0) return r;
     return recv(buffer, capacity, from);
 }
 
-int UdpSocket::recvWithToMicros(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t micros) {
+int UdpSocket::waitReadable(uint64_t micros) {
     if (fd < 0) return -1;
-    const int r = waitReadable(fd, micros);
-    if (r <= 0) return r;
-    return recv(buffer, capacity, from);
+    return pollReadable(fd, micros);
 }

@@ -85,8 +85,10 @@ public:
     // Waits at most timeout ms (0 = poll); 0 on time-out, -1 on error or when
     // closed, else the result of recv(). Works for any descriptor number.
     int recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout);
-    // The same with the wait in microseconds, for short looks ahead.
-    int recvWithToMicros(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t micros);
+    // Waits at most `micros` microseconds (0 = poll) for a datagram to be
+    // queued, without taking it: 1 when one is, 0 on time-out, -1 on error or
+    // when closed.
+    int waitReadable(uint64_t micros);
     // One datagram if one is queued, without waiting: its byte count (cut to
     // capacity), 0 when nothing is queued, -1 when closed, buffer null or on
     // error. One system call; `from` (if not null) gets the sender.

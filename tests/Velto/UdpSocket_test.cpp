@@ -137,14 +137,16 @@ TEST(UdpSocketTest, ReceiveWithoutWaitAndShortWaits) {
     const SockAddress txAddr = bindLoopback(tx, "127.0.0.2");
     uint8_t buf[400];
     EXPECT_EQ(0, rx.recvNoWait(buf, sizeof(buf), nullptr));  // nothing queued: 0 at once
-    EXPECT_EQ(0, rx.recvWithToMicros(buf, sizeof(buf), nullptr, 200));
+    EXPECT_EQ(0, rx.waitReadable(200));
     EXPECT_EQ(-1, rx.recvNoWait(nullptr, sizeof(buf), nullptr));
 
     uint8_t msg[3] = {7, 8, 9};
     ASSERT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
     ASSERT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(1, rx.waitReadable(2000000));
+    EXPECT_EQ(1, rx.waitReadable(0));  // the datagram is still there
     SockAddress from;
-    ASSERT_EQ(3, rx.recvWithToMicros(buf, sizeof(buf), &from, 2000000));
+    ASSERT_EQ(3, rx.recvNoWait(buf, sizeof(buf), &from));
     EXPECT_EQ(txAddr, from);
     from = SockAddress();
     ASSERT_EQ(2, rx.recvNoWait(buf, 2, &from));  // cut to the capacity
@@ -153,7 +155,7 @@ TEST(UdpSocketTest, ReceiveWithoutWaitAndShortWaits) {
 
     UdpSocket closed;
     EXPECT_EQ(-1, closed.recvNoWait(buf, sizeof(buf), nullptr));
-    EXPECT_EQ(-1, closed.recvWithToMicros(buf, sizeof(buf), nullptr, 0));
+    EXPECT_EQ(-1, closed.waitReadable(0));
 }
 
 // select() cannot watch a descriptor of 1024 or more; the waits must still work there.
