@@ -104,6 +104,8 @@ public:
     static constexpr size_t CAPACITY = 16;
 
     bool empty() const { return next >= count; }
+    // How many the last refill took (0 when it found none).
+    size_t lastCount() const { return count; }
     // Takes what the socket has queued (at most CAPACITY) without waiting:
     // how many, 0 for none, -1 on error.
     int refill(UdpSocket& sock) {
@@ -135,18 +137,27 @@ int waitAndRefill(UdpSocket& sock, ReceivedDatagrams& in, uint64_t micros) {
 }
 
 // One datagram: the next one already taken from the socket, else whatever the
-// socket has queued (without waiting), else whatever comes within a short
-// look ahead; only when nothing comes is the output flushed and the bounded
-// wait made. Returns the datagram's byte count (0 when none came, also for an
-// empty datagram) or -1 on error.
+// socket has queued, else whatever comes within a short look ahead; only when
+// nothing comes is the output flushed and the bounded wait made. When the last
+// batch held one datagram at most, traffic is going back and forth and the
+// socket is most likely empty: the look ahead comes first then (it returns at
+// once when something is queued), which spares a receive that finds nothing.
+// Returns the datagram's byte count (0 when none came, also for an empty
+// datagram) or -1 on error.
 int receiveDatagram(UdpSocket& sock, ReceivedDatagrams& in, const uint8_t*& data, SockAddress& peer,
                     uint32_t waitMs) {
     if (in.empty()) {
-        int r = in.refill(sock);
-        if (r == 0 && waitMs > 0 && !stopRequested) r = waitAndRefill(sock, in, OUTPUT_GRACE_US);
+        const bool mayWait = waitMs > 0 && !stopRequested;
+        int r = 0;
+        if (mayWait && in.lastCount() <= 1) {
+            r = waitAndRefill(sock, in, OUTPUT_GRACE_US);
+        } else {
+            r = in.refill(sock);
+            if (r == 0 && mayWait) r = waitAndRefill(sock, in, OUTPUT_GRACE_US);
+        }
         if (r == 0) {
             flushOutput();
-            if (waitMs == 0 || stopRequested) return 0;
+            if (!mayWait) return 0;
             r = waitAndRefill(sock, in, static_cast<uint64_t>(waitMs) * 1000u);
         }
         if (r <= 0) return r;
