@@ -1,9 +1,10 @@
 #include "Hub/Clients.h"
 
+#include <array>
 #include <iostream>
-#include <sstream>
 
 #include "Hub/DeviceManager.h"
+#include "Hub/log_line.h"
 #include "Hub/server.h"
 
 namespace {
@@ -13,14 +14,19 @@ constexpr Timestamp PING_AFTER_SILENCE = 500;  // a probe goes out once the devi
 constexpr Timestamp PING_REPEAT_GAP = 500;     // give-up needs the last probe at least this old
 constexpr Timestamp GIVE_UP_SILENCE = 3500;    // ...and both the first probe and the last packet this old
 
-void writeSelectorTail(std::ostream& os, const MsgSelector& ms) {
-    os << " id: " << ms.msgId << " from devId: " << ms.fromDeviceId << " objNo: " << unsigned(ms.fromObjectNo);
+void writeSelectorTail(LogLine& line, const MsgSelector& ms) {
+    line << " id: " << ms.msgId << " from devId: " << ms.fromDeviceId << " objNo: " << unsigned(ms.fromObjectNo);
 }
 
 }  // namespace
 
 MessageBuffer makeMessageBuffer(uint32_t size) {
     if (size == 0) return MessageBuffer();
+    if (size <= MAX_CARRIER_PAYLOAD) {
+        // A message of one piece: bytes and share count in one allocation.
+        auto block = std::make_shared<std::array<unsigned char, MAX_CARRIER_PAYLOAD>>();  // zero-filled
+        return MessageBuffer(block, block->data());
+    }
     return MessageBuffer(new unsigned char[size](), std::default_delete<unsigned char[]>());
 }
 
@@ -112,12 +118,12 @@ void ClientProxy::handlePong() {
 }
 
 void ClientProxy::checkReceiverTimeout(Timestamp now) {
-    std::ostringstream line;
+    LogLine line(std::cout);
     line << "ClientProxy::checkReceiverTimeout(): Node=" << dbRecord.id << " now=" << now
          << " lastRecvTime=" << nodeStatus.lastRecvTime
          << " diff=" << static_cast<int64_t>(now - nodeStatus.lastRecvTime) << ". ";
     if (nodeStatus.lastRecvTime + PING_AFTER_SILENCE > now) {
-        std::cout << line.str() << " 1 \n";  // heard recently
+        line << " 1 \n";  // heard recently
         return;
     }
     if (firstPingRequested != 0) {
@@ -130,7 +136,8 @@ void ClientProxy::checkReceiverTimeout(Timestamp now) {
             }
         }
     }
-    std::cout << line.str() << " \n";
+    line << " \n";
+    line.end();
     lastPingRequested = now;
     if (firstPingRequested == 0) firstPingRequested = now;
     sendPing();  // kept: a probe goes out even right after giving the device up
@@ -217,8 +224,8 @@ uint8_t ClientProxy::requiredNotificationAccess(uint8_t, MessageID) { return 1; 
 ClientProxy::MsgStatus ClientProxy::putMsgPacket(const MsgSelector& ms, uint32_t packetStart, uint32_t msgSize,
                                                  const uint8_t* data, uint32_t len, uint32_t& ackPos) {
     if (ms.fromObjectNo >= objects.size()) {
-        std::cerr << "ERROR ClientProxy::putMsgPacket(). ms.fromObjectNo=" << unsigned(ms.fromObjectNo)
-                  << " objects.sz=" << objects.size() << '\n';
+        LogLine(std::cerr) << "ERROR ClientProxy::putMsgPacket(). ms.fromObjectNo=" << unsigned(ms.fromObjectNo)
+                           << " objects.sz=" << objects.size() << '\n';
         return MSG_ERROR;
     }
     if (packetStart == 0) {
@@ -314,9 +321,12 @@ void ClientProxy::sendPermissionDenied(const MsgSelector& ms) {
 // Downward path: messages for the device
 
 void ClientProxy::deliverMessage(const MsgSelector& ms, std::shared_ptr<unsigned char>& msg, uint32_t size) {
-    std::cout << "deliver " << (ms.msgCat == NOTIFICATION_MSGCAT ? "Notification" : "DirectMsg");
-    writeSelectorTail(std::cout, ms);
-    std::cout << " sz=" << size << " to " << ms.toDeviceId << " / " << unsigned(ms.toObjectNo) << '\n';
+    {
+        LogLine line(std::cout);
+        line << "deliver " << (ms.msgCat == NOTIFICATION_MSGCAT ? "Notification" : "DirectMsg");
+        writeSelectorTail(line, ms);
+        line << " sz=" << size << " to " << ms.toDeviceId << " / " << unsigned(ms.toObjectNo) << '\n';
+    }
 
     if (downSender.getStatus() != MsgSender::EMPTY) {
         enqueue(ms, msg, size);
@@ -329,14 +339,16 @@ void ClientProxy::deliverMessage(const MsgSelector& ms, std::shared_ptr<unsigned
 // The sender is busy: the message waits (the oldest goes beyond five), and a
 // sender that keeps failing is given up or nudged.
 void ClientProxy::enqueue(const MsgSelector& ms, std::shared_ptr<unsigned char>& msg, uint32_t size) {
-    std::cout << "Enqueued message for later q.sz=" << downstream.size() << " sndStatus=" << downSender.getStatus()
-              << " msgNo=" << downSender.getMsgInfo().msgNo << '\n';
+    LogLine(std::cout) << "Enqueued message for later q.sz=" << downstream.size()
+                       << " sndStatus=" << downSender.getStatus() << " msgNo=" << downSender.getMsgInfo().msgNo
+                       << '\n';
     QuedMsg q;
     q.ms = ms;
     q.sz = size;
     q.msgPtr = msg;
+    if (downstream.empty()) downstream.reserve(MAX_QUEUED_MESSAGES + 1);
     downstream.push_back(q);
-    if (downstream.size() > MAX_QUEUED_MESSAGES) downstream.pop_front();
+    if (downstream.size() > MAX_QUEUED_MESSAGES) downstream.erase(downstream.begin());
 
     if (downSender.tooManyFailures()) {
         requestEvent(EventEntry::CHECK_SND_TO, currentTime() + 1);
@@ -362,16 +374,20 @@ void ClientProxy::downSendNextSequence() {
     }
     if (!downstream.empty() && downSender.getStatus() == MsgSender::EMPTY) {
         QuedMsg next = downstream.front();
-        downstream.pop_front();
+        downstream.erase(downstream.begin());
         startSending(next.msgPtr, next.sz, next.ms);
     }
     // Bounded: each pass consumes a piece, and a sender that produces none stops the loop.
-    while (downSender.getStatus() == MsgSender::SEND_NOW) {
+    MsgSender::SenderStatus status;
+    while ((status = downSender.getStatus()) == MsgSender::SEND_NOW) {
         MessageCarrierPack pack;
-        if (!downSender.getNextPack(pack)) break;
+        if (!downSender.getNextPack(pack)) {
+            status = downSender.getStatus();
+            break;
+        }
         sendPacketToDevice(pack);
     }
-    if (downSender.getStatus() == MsgSender::DELAYED_SEND) {
+    if (status == MsgSender::DELAYED_SEND) {
         nodeStatus.downSendAfter = currentTime() + static_cast<Timestamp>(downSender.getMinDelay());
         requestEvent(EventEntry::DELAYED_SND, nodeStatus.downSendAfter);
     }

@@ -10,7 +10,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -197,7 +196,8 @@ public:
 
     // Inspection, for the services and the tests.
     size_t queuedMessages() const { return downstream.size(); }
-    const std::deque<QuedMsg>& queue() const { return downstream; }
+    // Oldest first.
+    const std::vector<QuedMsg>& queue() const { return downstream; }
     const MsgSender& sender() const { return downSender; }
     MsgSender& sender() { return downSender; }
     const MsgReceiver& messageReceiver() const { return receiver; }
@@ -217,7 +217,10 @@ private:
     NodeStatusInfo nodeStatus;
     std::vector<ObjectProxy> objects;
     UdpSocket* selfSocket;
-    std::deque<QuedMsg> downstream;
+    // At most MAX_QUEUED_MESSAGES + 1 entries, so a vector (empty: no storage,
+    // as most devices' queues are) serves better than a deque, which allocates
+    // its first chunk and map with the proxy.
+    std::vector<QuedMsg> downstream;
     MsgSender downSender;
     std::shared_ptr<unsigned char> downMsgPtr;
     Timestamp firstPingRequested = 0;

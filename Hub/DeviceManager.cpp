@@ -1,19 +1,26 @@
 #include "Hub/DeviceManager.h"
 
+#include <algorithm>
+#include <chrono>
+#include <cstring>
 #include <iostream>
 
 #include "Hub/HubConsoleConnector.h"
+#include "Hub/log_line.h"
+#include "Velto/Sha/sha256.h"
 
 namespace {
 
-// Field-by-field equality of two records: equal records write identical files.
-bool sameRecord(const ClientDBRec& a, const ClientDBRec& b) {
-    return a.id == b.id && a.duid == b.duid && a.specs == b.specs && a.version == b.version &&
-           a.assignedName == b.assignedName && a.firstAddress == b.firstAddress &&
-           a.lastAddress == b.lastAddress && a.firstConnect == b.firstConnect &&
-           a.lastConnect == b.lastConnect && a.keyTime == b.keyTime && a.sessionKey == b.sessionKey &&
-           a.mainKey == b.mainKey && a.trust == b.trust && a.sigType == b.sigType && a.encType == b.encType &&
-           a.toDeviceSequence == b.toDeviceSequence && a.fromDeviceSequence == b.fromDeviceSequence;
+// The first bytes of the SHA-256 of a record's file image: equal records give
+// equal digests, and two different images do not share one in practice.
+template <typename Digest>
+Digest digestOf(const ClientDBRec& rec) {
+    const std::string text = recordText(rec);
+    Sha256Class h;
+    h.write(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+    Digest d;
+    memcpy(d.data(), h.result(), d.size());
+    return d;
 }
 
 }  // namespace
@@ -126,6 +133,7 @@ ClientProxy* ClientManager::makeDeviceActive(ClientInfo* info, UdpSocket* socket
     ClientProxy*& slot = devices[info->record.id];
     if (slot != nullptr) replaced.push_back(slot);
     slot = proxy;
+    index(info->record.id, proxy);
     newComers.erase(it);
     delete info;
     return proxy;
@@ -138,8 +146,7 @@ uint8_t ClientManager::offerScoreForDevice(const ClientInfo& info) {
 bool ClientManager::avoidDevice(const SockAddress&, const std::string&, const std::string&, uint8_t) { return false; }
 
 ClientProxy* ClientManager::getClient(uint16_t id) {
-    auto it = devices.find(id);
-    return it == devices.end() ? nullptr : it->second;
+    return id < byId.size() ? byId[id] : nullptr;
 }
 
 bool ClientManager::addVirtualClient(uint16_t id, VirtualClient* vc) {
@@ -175,28 +182,72 @@ Timestamp ClientManager::retrievePendingEventsUpTo(std::vector<EventEntry>& out,
 }
 
 void ClientManager::doFlush(Timestamp) {
-    for (auto& entry : devices) {
-        if (entry.second == nullptr) continue;
-        const ClientDBRec& rec = entry.second->record();
-        if (!fileHolds(rec)) writeRecord(rec);
+    // A round still under way resumes after the last device it handled, so
+    // that every device gets its turn however often rounds start.
+    const bool resume = flushPending() && flushNext > 0;
+    const uint16_t after = resume ? flushQueue[flushNext - 1] : 0;
+    flushQueue.clear();
+    flushNext = 0;
+    for (const auto& entry : devices)
+        if (entry.second != nullptr) flushQueue.push_back(entry.first);
+    if (resume) {
+        auto first = std::upper_bound(flushQueue.begin(), flushQueue.end(), after);
+        std::rotate(flushQueue.begin(), first, flushQueue.end());
+    }
+    flushSlice();
+}
+
+void ClientManager::continueFlush() {
+    if (flushPending()) flushSlice();
+}
+
+void ClientManager::flushAll() {
+    flushQueue.clear();
+    flushNext = 0;
+    for (auto& entry : devices)
+        if (entry.second != nullptr) flushRecord(entry.second->record());
+}
+
+// Writes queued records until the queue is done or the slice time is used up;
+// the queue's storage is kept for the next round.
+void ClientManager::flushSlice() {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point until = Clock::now() + std::chrono::milliseconds(flushSliceMs);
+    while (flushNext < flushQueue.size()) {
+        ClientProxy* proxy = getClient(flushQueue[flushNext++]);
+        if (proxy != nullptr) flushRecord(proxy->record());
+        if (Clock::now() >= until) break;
+    }
+    if (flushNext >= flushQueue.size()) {
+        flushQueue.clear();
+        flushNext = 0;
     }
 }
 
-// True when the record's file is known to hold exactly rec: this manager wrote
-// rec there last, and reading the file back gives rec (so a file removed or
-// changed behind our back, or a write that failed, is written again).
-bool ClientManager::fileHolds(const ClientDBRec& rec) {
+// Writes rec unless its file is known to hold it already.
+void ClientManager::flushRecord(const ClientDBRec& rec) {
     auto last = lastWritten.find(rec.duid);
-    if (last == lastWritten.end() || !sameRecord(last->second, rec)) return false;
-    ClientDBRec onDisk;
-    return db.loadRecord(rec.duid, onDisk) && sameRecord(onDisk, rec);
+    if (last != lastWritten.end() && last->second == digestOf<RecordDigest>(rec)) return;
+    writeRecord(rec);
 }
 
-// Every record write of the manager goes through here so that the copy of the
-// last written record per DUID stays true to the file.
+// Every record write of the manager goes through here so that the digest of
+// the last record written per DUID stays true to the file: a write that did
+// not happen (refused, failed) leaves no digest, and the next flush tries again.
 void ClientManager::writeRecord(const ClientDBRec& rec) {
-    db.updateRecord(rec);  // its result is false even on success; nothing to test
-    lastWritten[rec.duid] = rec;
+    if (db.storeRecord(rec))
+        lastWritten[rec.duid] = digestOf<RecordDigest>(rec);
+    else
+        lastWritten.erase(rec.duid);
+}
+
+// Keeps byId in step with `devices`; it grows to the highest id seen.
+void ClientManager::index(uint16_t id, ClientProxy* proxy) {
+    if (id >= byId.size()) {
+        if (proxy == nullptr) return;
+        byId.resize(static_cast<size_t>(id) + 1, nullptr);
+    }
+    byId[id] = proxy;
 }
 
 void ClientManager::doCleanUp(Timestamp now) {
@@ -248,7 +299,7 @@ void ClientManager::probeSilentDevices(Timestamp now) {
         const NodeStatusInfo& st = entry.second->status();
         if (st.lastRecvTime + static_cast<Timestamp>(st.maxIddleTimeSeconds) * 1000 >= now) continue;
         requestTimedEvent(EventEntry(EventEntry::CHECK_RCV_TO, entry.first, now));
-        std::cout << "ClientManager::doCleanUp: Request CHECK_RCV_TO devId=" << entry.first << '\n';
+        LogLine(std::cout) << "ClientManager::doCleanUp: Request CHECK_RCV_TO devId=" << entry.first << '\n';
     }
 }
 
@@ -263,6 +314,7 @@ void ClientManager::destroyClient(uint16_t id) {
     for (auto& entry : virtualClients)
         if (entry.second) entry.second->deviceHadBeenRemoved(id);
     devices.erase(id);
+    index(id, nullptr);
     if (proxy) lastWritten.erase(proxy->record().duid);
     delete proxy;
 }

@@ -8,6 +8,7 @@
 // from currentTime(). Single-threaded: everything runs on the main loop.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -106,6 +107,8 @@ public:
     static constexpr uint32_t MaxNewCommerIddleTime = 45000;  // ms a newcomer may stay silent
     // Node ids below this are virtual clients; devices are looked up from here on.
     static constexpr uint16_t FIRST_DEVICE_ID = 256;
+    // Longest stretch of record writing per flush step, ms.
+    static constexpr unsigned FLUSH_SLICE_MS = 5;
 
     explicit ClientManager(ClientsDatabase& db);
     // Frees the heap and every party it still holds: newcomers (kept or
@@ -152,10 +155,27 @@ public:
     // Returns the smallest due time retrieved, or limit.
     Timestamp retrievePendingEventsUpTo(std::vector<EventEntry>& out, Timestamp limit);
 
-    // Writes every device's record to the database. A record unchanged since
-    // this manager last wrote it, whose file still reads back equal, is skipped:
-    // the file already holds what the write would put there.
+    // Starts a flush round: every device's record is to be written to the
+    // database, in id order. A record equal to what this manager last wrote
+    // successfully to its file is skipped (the file holds it already; a file
+    // changed or removed behind the hub's back is not noticed). Writing is
+    // spread over the passes of the loop so that it never holds the loop for
+    // long: this call and each continueFlush() write for at most
+    // FLUSH_SLICE_MS, and each record is taken with its content at the moment
+    // it is written. A round still under way when the next one starts is
+    // taken over by it, which goes on after the last device handled.
     void doFlush(Timestamp now);
+    // True while a flush round has records left to look at.
+    bool flushPending() const { return flushNext < flushQueue.size(); }
+    // Writes the next records of the round under way, for at most
+    // FLUSH_SLICE_MS; nothing when none is under way.
+    void continueFlush();
+    // Writes every device's changed record now, in one go (shutdown); ends any
+    // round under way.
+    void flushAll();
+    // Sets the longest stretch of writing per flush step, ms (FLUSH_SLICE_MS
+    // unless set); 0 writes one record per step.
+    void setFlushSliceMs(unsigned ms) { flushSliceMs = ms; }
     // Frees the ClientInfos handed out but not held (see getNewComer) and the
     // proxies replaced by makeDeviceActive; drops newcomers silent for more than
     // 45000 ms; asks (CHECK_RCV_TO, due now) for a probe of every device silent
@@ -177,8 +197,10 @@ public:
 
 private:
     ClientInfo* loadOtherNewComer(const SockAddress& addr, const std::string& duid);
+    void index(uint16_t id, ClientProxy* proxy);
     void writeRecord(const ClientDBRec& rec);
-    bool fileHolds(const ClientDBRec& rec);
+    void flushRecord(const ClientDBRec& rec);
+    void flushSlice();
     void keepIfUnheld(const SockAddress& addr, ClientInfo* info);
     void freeLeftBehind();
     void dropIdleNewComers(Timestamp now);
@@ -187,11 +209,20 @@ private:
     ClientsDatabase& db;
     std::map<SockAddress, ClientInfo*> newComers;
     std::map<uint16_t, ClientProxy*> devices;
+    // The same proxies indexed by id (null where none), for the per-datagram
+    // lookup: a vector as long as the highest id seen.
+    std::vector<ClientProxy*> byId;
     std::map<uint16_t, VirtualClient*> virtualClients;
     EventEntry* eventArray;
     MinHeap<EventEntry>* events;
-    // duid -> the record this manager last wrote to that duid's file.
-    std::map<std::string, ClientDBRec> lastWritten;
+    // duid -> digest of the file image this manager last wrote successfully
+    // to that duid's file (16 bytes of its SHA-256).
+    typedef std::array<uint8_t, 16> RecordDigest;
+    std::map<std::string, RecordDigest> lastWritten;
+    // The flush round under way: device ids still to look at from flushNext on.
+    std::vector<uint16_t> flushQueue;
+    size_t flushNext = 0;
+    unsigned flushSliceMs = FLUSH_SLICE_MS;
     // ClientInfos returned to a caller that the newcomer map did not take (it
     // kept the older entry of the address). Callers use them only until their
     // handler returns; the next clean-up pass frees them.

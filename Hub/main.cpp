@@ -30,7 +30,7 @@ int main(int, char**) {
 
     mainThread(sock);
 
-    clientMgr.doFlush(currentTime());
+    clientMgr.flushAll();
     flushOutput();
     return 0;
 }

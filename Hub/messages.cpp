@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "Hub/DeviceManager.h"
+#include "Hub/log_line.h"
 #include "Hub/server.h"
 
 namespace {
@@ -47,15 +48,15 @@ void handleMessagePack(const MessageCarrierPack& pack, const SockAddress&, Clien
 }
 
 void handleMessageACK(const MessageCarrierACKPack& pack, const SockAddress&, ClientProxy& proxy) {
-    std::cout << "Received Message ack for seqNo=" << pack.lastSeqNo << " msgNo " << pack.msgNo
-              << " INF:" << pack.fromDeviceId << "," << unsigned(pack.fromObjectNo) << "," << pack.msgId << ","
-              << pack.toDeviceId << "," << unsigned(pack.toObjectNo) << '\n';
+    LogLine(std::cout) << "Received Message ack for seqNo=" << pack.lastSeqNo << " msgNo " << pack.msgNo
+                       << " INF:" << pack.fromDeviceId << "," << unsigned(pack.fromObjectNo) << "," << pack.msgId
+                       << "," << pack.toDeviceId << "," << unsigned(pack.toObjectNo) << '\n';
     MsgSelector ms;
     ms = pack;
     if (!proxy.processACK(pack.lastSeqNo, ms)) {
         // Kept: no blank before "from".
-        std::cout << "Failed to process ack for seqNo=" << pack.lastSeqNo << " to msg=" << pack.msgId
-                  << "from nodeId=" << pack.devId << " obj=" << unsigned(pack.fromObjectNo) << '\n';
+        LogLine(std::cout) << "Failed to process ack for seqNo=" << pack.lastSeqNo << " to msg=" << pack.msgId
+                           << "from nodeId=" << pack.devId << " obj=" << unsigned(pack.fromObjectNo) << '\n';
     }
     proxy.downSendNextSequence();
 }

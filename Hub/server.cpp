@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "Hub/configuration.h"
+#include "Hub/log_line.h"
 #include "Hub/messages.h"
 #include "Hub/newDevice.h"
 
@@ -89,14 +90,79 @@ uint32_t millisecondsUntil(Timestamp deadline, Timestamp now) {
     return now < deadline ? static_cast<uint32_t>(deadline - now) : 0;
 }
 
-// One datagram: first without waiting; only when nothing is queued is the
-// output flushed and the bounded wait made. Returns the receive result.
-int receiveDatagram(UdpSocket& sock, uint8_t* buffer, SockAddress* peer, uint32_t waitMs) {
-    int bytes = sock.recvWithTo(buffer, RECV_BUFFER_SIZE, peer, 0);
-    if (bytes != 0) return bytes;
-    flushOutput();
-    if (waitMs == 0 || stopRequested) return 0;
-    return sock.recvWithTo(buffer, RECV_BUFFER_SIZE, peer, waitMs);
+// How long the loop looks for a next datagram before it writes its output
+// out, microseconds. Traffic in flight (an acknowledgement, the next piece)
+// mostly comes back within this; the log write then waits for a real pause
+// (or a full buffer) instead of delaying that datagram.
+constexpr uint32_t OUTPUT_GRACE_US = 100;
+
+// Datagrams taken from the socket together, handed to the loop one per pass
+// in arrival order: while traffic queues up, one system call serves several
+// passes.
+class ReceivedDatagrams {
+public:
+    static constexpr size_t CAPACITY = 16;
+
+    bool empty() const { return next >= count; }
+    // How many the last refill took (0 when it found none).
+    size_t lastCount() const { return count; }
+    // Takes what the socket has queued (at most CAPACITY) without waiting:
+    // how many, 0 for none, -1 on error.
+    int refill(UdpSocket& sock) {
+        next = count = 0;
+        const int n = sock.recvBatchNoWait(&data[0][0], RECV_BUFFER_SIZE, CAPACITY, sizes, peers);
+        if (n > 0) count = static_cast<size_t>(n);
+        return n;
+    }
+    // The next datagram (not empty()): its bytes, sender and byte count.
+    int take(const uint8_t*& bytes, SockAddress& peer) {
+        bytes = data[next];
+        peer = peers[next];
+        return sizes[next++];
+    }
+
+private:
+    uint8_t data[CAPACITY][RECV_BUFFER_SIZE];
+    int sizes[CAPACITY];
+    SockAddress peers[CAPACITY];
+    size_t next = 0;
+    size_t count = 0;
+};
+
+// Waits up to micros for a datagram, then takes what is queued; the result
+// of the wait (0, -1) or of the refill.
+int waitAndRefill(UdpSocket& sock, ReceivedDatagrams& in, uint64_t micros) {
+    const int w = sock.waitReadable(micros);
+    return w <= 0 ? w : in.refill(sock);
+}
+
+// One datagram: the next one already taken from the socket, else whatever the
+// socket has queued, else whatever comes within a short look ahead; only when
+// nothing comes is the output flushed and the bounded wait made. When the last
+// batch held one datagram at most, traffic is going back and forth and the
+// socket is most likely empty: the look ahead comes first then (it returns at
+// once when something is queued), which spares a receive that finds nothing.
+// Returns the datagram's byte count (0 when none came, also for an empty
+// datagram) or -1 on error.
+int receiveDatagram(UdpSocket& sock, ReceivedDatagrams& in, const uint8_t*& data, SockAddress& peer,
+                    uint32_t waitMs) {
+    if (in.empty()) {
+        const bool mayWait = waitMs > 0 && !stopRequested;
+        int r = 0;
+        if (mayWait && in.lastCount() <= 1) {
+            r = waitAndRefill(sock, in, OUTPUT_GRACE_US);
+        } else {
+            r = in.refill(sock);
+            if (r == 0 && mayWait) r = waitAndRefill(sock, in, OUTPUT_GRACE_US);
+        }
+        if (r == 0) {
+            flushOutput();
+            if (!mayWait) return 0;
+            r = waitAndRefill(sock, in, static_cast<uint64_t>(waitMs) * 1000u);
+        }
+        if (r <= 0) return r;
+    }
+    return in.take(data, peer);
 }
 
 // A receive interrupted by a stop signal is not an error.
@@ -107,11 +173,14 @@ void reportReceiveError() {
 }
 
 // Flush and clean-up, judged against the pass's own now; each deadline moves
-// forward from a fresh clock reading taken after its work.
+// forward from a fresh clock reading taken after its work. A flush round
+// writes a few milliseconds' worth of records per pass until it is done.
 void doPeriodicWork(PeriodicDeadlines& d, Timestamp now) {
     if (now >= d.nextFlush) {
         clientMgr.doFlush(now);
         d.nextFlush = currentTime() + d.flushEvery;
+    } else {
+        clientMgr.continueFlush();
     }
     if (now >= d.nextCleanup) {
         clientMgr.doCleanUp(now);
@@ -129,19 +198,19 @@ void keyWithSessionKey(T& pack, uint8_t sigType, ClientProxy& client) {
 }
 
 void logDeserializeFailure(const VeltoPacket& pack) {
-    std::cerr << "ERROR !!! Failed to deserialize Packet ID " << unsigned(pack.id)
-              << " have signature type: " << unsigned(pack.signature.signatureType()) << '\n';
+    LogLine(std::cerr) << "ERROR !!! Failed to deserialize Packet ID " << unsigned(pack.id)
+                       << " have signature type: " << unsigned(pack.signature.signatureType()) << '\n';
 }
 
 void logVerifyFailure(const char* prefix, const VeltoPacket& pack) {
-    std::cerr << prefix << "Failed to verify signature for Packet ID " << unsigned(pack.id)
-              << " have signature type: " << unsigned(pack.signature.signatureType()) << '\n';
+    LogLine(std::cerr) << prefix << "Failed to verify signature for Packet ID " << unsigned(pack.id)
+                       << " have signature type: " << unsigned(pack.signature.signatureType()) << '\n';
 }
 
 void logPacketTrace(const VeltoPacket& pack, size_t size) {
-    std::cout << "DBG: Packet ID " << unsigned(pack.id) << " sz=" << size << " from " << pack.devId
-              << " signature type: " << unsigned(pack.signature.signatureType())
-              << " verified: " << (pack.signature.verified() ? 1 : 0) << '\n';
+    LogLine(std::cout) << "DBG: Packet ID " << unsigned(pack.id) << " sz=" << size << " from " << pack.devId
+                       << " signature type: " << unsigned(pack.signature.signatureType())
+                       << " verified: " << (pack.signature.verified() ? 1 : 0) << '\n';
 }
 
 // Packs 1 and 3 come from senders that have no key yet: read without one, and
@@ -257,7 +326,7 @@ Timestamp EventBatch::nextEventTime(Timestamp now) const {
 }
 
 void mainThread(UdpSocket& sock) {
-    uint8_t recvBuffer[RECV_BUFFER_SIZE];
+    ReceivedDatagrams received;
     PeriodicDeadlines deadlines;
     deadlines.nextCleanup = currentTime() + MaxCleanupInterval;
     deadlines.flushEvery = flushIntervalFromEnvironment();
@@ -267,13 +336,15 @@ void mainThread(UdpSocket& sock) {
     while (!stopRequested) {
         SockAddress peer;  // the any-address, port 0
         Timestamp now = events.runDue(currentTime());
-        uint32_t wait = millisecondsUntil(events.nextEventTime(now), now);
+        // While a flush round has records left the loop only looks for datagrams.
+        uint32_t wait = clientMgr.flushPending() ? 0 : millisecondsUntil(events.nextEventTime(now), now);
 
-        int bytes = receiveDatagram(sock, recvBuffer, &peer, wait);
+        const uint8_t* datagram = nullptr;
+        int bytes = receiveDatagram(sock, received, datagram, peer, wait);
         if (bytes < 0)
             reportReceiveError();
         else if (bytes > 0)
-            handleDatagram(recvBuffer, static_cast<size_t>(bytes), peer, sock);
+            handleDatagram(datagram, static_cast<size_t>(bytes), peer, sock);
 
         doPeriodicWork(deadlines, now);
     }
@@ -282,7 +353,7 @@ void mainThread(UdpSocket& sock) {
 void handleDatagram(const uint8_t* data, size_t bytes, const SockAddress& peer, UdpSocket& sock) {
     VeltoPacket header;
     if (header.deserialize(data, bytes, false) < 1) {
-        std::cerr << " received too small packet to deserialize id " << bytes << " bytes\n";
+        LogLine(std::cerr) << " received too small packet to deserialize id " << bytes << " bytes\n";
         return;
     }
     switch (header.id) {
@@ -303,8 +374,8 @@ void handleConnectedMsgs(const VeltoPacket& header, const uint8_t* data, size_t 
     ClientProxy* client = clientMgr.getClient(header.devId);
     if (client == nullptr) {
         // kept: the pack id is written as a raw character, not as a number
-        std::cerr << "handleConnectedMsgs(): Failed to get client for nodeId=" << header.devId
-                  << " msgId=" << static_cast<char>(header.id) << " from " << peer << '\n';
+        LogLine(std::cerr) << "handleConnectedMsgs(): Failed to get client for nodeId=" << header.devId
+                           << " msgId=" << static_cast<char>(header.id) << " from " << peer << '\n';
         return;
     }
     uint8_t sigType = header.signature.signatureType();

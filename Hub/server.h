@@ -7,8 +7,9 @@
 // second), classifies each by pack id and sender, checks its signature and
 // hands it to its handler; it also runs the due timed events, the clean-up
 // every 1000 ms and the flush every 15050 ms. Times are milliseconds from
-// currentTime(). Output is buffered and reaches its stream no later than the
-// moment the loop goes idle waiting for a datagram. Single-threaded.
+// currentTime(). Output is buffered and reaches its stream when the buffer is
+// full or the loop goes idle (no datagram for 100 us) before it waits for the
+// next one. Single-threaded.
 #pragma once
 
 #include <cstddef>

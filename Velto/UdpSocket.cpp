@@ -1,10 +1,11 @@
 #include "Velto/UdpSocket.h"
 
 #include <arpa/inet.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <istream>
 #include <ostream>
@@ -142,27 +143,83 @@ int UdpSocket::sendTo(const SockAddress& to, uint8_t* data, size_t size) {
     return static_cast<int>(n);
 }
 
-int UdpSocket::recv(uint8_t* buffer, size_t capacity, SockAddress* from) {
-    if (fd < 0 || buffer == nullptr) return -1;
+namespace {
+
+// recvfrom with the given flags; the byte count or -1, `from` set on success.
+int receiveFrom(int fd, uint8_t* buffer, size_t capacity, SockAddress* from, int flags) {
     sockaddr_in sa;
     memset(&sa, 0, sizeof(sa));
     socklen_t len = sizeof(sa);
-    const ssize_t n = ::recvfrom(fd, buffer, capacity, 0, reinterpret_cast<sockaddr*>(&sa), &len);
+    const ssize_t n = ::recvfrom(fd, buffer, capacity, flags, reinterpret_cast<sockaddr*>(&sa), &len);
     if (n < 0) return -1;
     if (from != nullptr) from->setSockAddr(sa);
     return static_cast<int>(n);
 }
 
+// Waits at most micros microseconds for fd to become readable (poll(), which
+// takes any descriptor number, unlike select()). 1 when readable, 0 on
+// time-out, -1 on error.
+int pollReadable(int fd, uint64_t micros) {
+    pollfd p;
+    p.fd = fd;
+    p.events = POLLIN;
+    p.revents = 0;
+    timespec ts;
+    ts.tv_sec = static_cast<time_t>(micros / 1000000u);
+    ts.tv_nsec = static_cast<long>((micros % 1000000u) * 1000u);
+    const int r = ::ppoll(&p, 1, &ts, nullptr);
+    if (r < 0) return -1;
+    return r > 0 ? 1 : 0;
+}
+
+}  // namespace
+
+int UdpSocket::recv(uint8_t* buffer, size_t capacity, SockAddress* from) {
+    if (fd < 0 || buffer == nullptr) return -1;
+    return receiveFrom(fd, buffer, capacity, from, 0);
+}
+
+int UdpSocket::recvNoWait(uint8_t* buffer, size_t capacity, SockAddress* from) {
+    if (fd < 0 || buffer == nullptr) return -1;
+    const int n = receiveFrom(fd, buffer, capacity, from, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+    return n;
+}
+
+int UdpSocket::recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms) {
+    if (fd < 0 || buffers == nullptr || sizes == nullptr || froms == nullptr) return -1;
+    if (count > MAX_BATCH) count = MAX_BATCH;
+    if (count == 0) return 0;
+    mmsghdr msgs[MAX_BATCH];
+    iovec iov[MAX_BATCH];
+    sockaddr_in addrs[MAX_BATCH];
+    memset(msgs, 0, sizeof(mmsghdr) * count);
+    memset(addrs, 0, sizeof(sockaddr_in) * count);
+    for (size_t i = 0; i < count; ++i) {
+        iov[i].iov_base = buffers + i * capacity;
+        iov[i].iov_len = capacity;
+        msgs[i].msg_hdr.msg_iov = &iov[i];
+        msgs[i].msg_hdr.msg_iovlen = 1;
+        msgs[i].msg_hdr.msg_name = &addrs[i];
+        msgs[i].msg_hdr.msg_namelen = sizeof(addrs[i]);
+    }
+    const int n = ::recvmmsg(fd, msgs, static_cast<unsigned>(count), MSG_DONTWAIT, nullptr);
+    if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
+    for (int i = 0; i < n; ++i) {
+        sizes[i] = static_cast<int>(msgs[i].msg_len);
+        froms[i].setSockAddr(addrs[i]);
+    }
+    return n;
+}
+
 int UdpSocket::recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout) {
-    // select() cannot watch a descriptor beyond FD_SETSIZE.
-    if (fd < 0 || fd >= FD_SETSIZE) return -1;
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    timeval tv;
-    tv.tv_sec = static_cast<time_t>(timeout / 1000);
-    tv.tv_usec = static_cast<suseconds_t>((timeout % 1000) * 1000);
-    const int r = ::select(fd + 1, &readable, nullptr, nullptr, &tv);
-    if (r <= 0) return r < 0 ? -1 : 0;
+    if (fd < 0) return -1;
+    const int r = pollReadable(fd, static_cast<uint64_t>(timeout) * 1000u);
+    if (r <= 0) return r;
     return recv(buffer, capacity, from);
+}
+
+int UdpSocket::waitReadable(uint64_t micros) {
+    if (fd < 0) return -1;
+    return pollReadable(fd, micros);
 }

@@ -83,8 +83,23 @@ public:
     // when closed, buffer null or on error. `from` (if not null) gets the sender.
     int recv(uint8_t* buffer, size_t capacity, SockAddress* from);
     // Waits at most timeout ms (0 = poll); 0 on time-out, -1 on error or when
-    // closed, else the result of recv().
+    // closed, else the result of recv(). Works for any descriptor number.
     int recvWithTo(uint8_t* buffer, size_t capacity, SockAddress* from, uint32_t timeout);
+    // Waits at most `micros` microseconds (0 = poll) for a datagram to be
+    // queued, without taking it: 1 when one is, 0 on time-out, -1 on error or
+    // when closed.
+    int waitReadable(uint64_t micros);
+    // One datagram if one is queued, without waiting: its byte count (cut to
+    // capacity), 0 when nothing is queued, -1 when closed, buffer null or on
+    // error. One system call; `from` (if not null) gets the sender.
+    int recvNoWait(uint8_t* buffer, size_t capacity, SockAddress* from);
+    // Up to `count` (at most MAX_BATCH) queued datagrams without waiting, in
+    // one system call: datagram i goes to buffers + i * capacity, cut to
+    // capacity bytes, its byte count to sizes[i] and its sender to froms[i].
+    // Returns how many were taken, 0 when nothing is queued, -1 when closed,
+    // an argument is null or on error.
+    static constexpr size_t MAX_BATCH = 32;
+    int recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms);
 
 private:
     int fd = -1;

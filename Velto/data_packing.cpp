@@ -2,61 +2,7 @@
 // VLQ sizes, all on a cursor pair that never goes past the count it was given.
 #include "Velto/data_packing.h"
 
-#include <type_traits>
-
 namespace {
-
-// Writes the low `width` bytes of v, most significant first.
-bool putBigEndian(uint64_t v, size_t width, uint8_t*& buf, size_t& left) {
-    if (buf == nullptr || left < width) return false;
-    for (size_t i = 0; i < width; ++i)
-        buf[i] = static_cast<uint8_t>(v >> (8 * (width - 1 - i)));
-    buf += width;
-    left -= width;
-    return true;
-}
-
-// Reads `width` bytes, most significant first.
-bool getBigEndian(const uint8_t*& buf, size_t& left, size_t width, uint64_t& v) {
-    if (buf == nullptr || left < width) return false;
-    uint64_t r = 0;
-    for (size_t i = 0; i < width; ++i) r = (r << 8) | buf[i];
-    v = r;
-    buf += width;
-    left -= width;
-    return true;
-}
-
-template <typename T>
-bool putInt(T v, uint8_t*& buf, size_t& left) {
-    typedef typename std::make_unsigned<T>::type U;
-    return putBigEndian(static_cast<U>(v), sizeof(T), buf, left);
-}
-
-template <typename T>
-bool getInt(const uint8_t*& buf, size_t& left, T& v) {
-    typedef typename std::make_unsigned<T>::type U;
-    uint64_t r = 0;
-    if (!getBigEndian(buf, left, sizeof(T), r)) return false;
-    v = static_cast<T>(static_cast<U>(r));
-    return true;
-}
-
-// 64-bit values: the high half, then the low half; both are attempted.
-bool putU64(uint64_t v, uint8_t*& buf, size_t& left) {
-    bool ok = addToBuffer(static_cast<uint32_t>(v >> 32), buf, left);
-    ok = addToBuffer(static_cast<uint32_t>(v), buf, left) && ok;
-    return ok;
-}
-
-bool getU64(const uint8_t*& buf, size_t& left, uint64_t& v) {
-    uint32_t hi = 0;
-    uint32_t lo = 0;
-    bool ok = getFromBuffer(buf, left, hi);
-    ok = getFromBuffer(buf, left, lo) && ok;
-    v = (static_cast<uint64_t>(hi) << 32) | lo;
-    return ok;
-}
 
 // Bytes the VLQ form of value takes.
 size_t vlqLength(uint32_t value) {
@@ -68,31 +14,6 @@ size_t vlqLength(uint32_t value) {
 }
 
 }  // namespace
-
-bool addToBuffer(uint8_t v, uint8_t*& buf, size_t& left) { return putInt(v, buf, left); }
-bool addToBuffer(int8_t v, uint8_t*& buf, size_t& left) { return putInt(v, buf, left); }
-bool addToBuffer(uint16_t v, uint8_t*& buf, size_t& left) { return putInt(v, buf, left); }
-bool addToBuffer(int16_t v, uint8_t*& buf, size_t& left) { return putInt(v, buf, left); }
-bool addToBuffer(uint32_t v, uint8_t*& buf, size_t& left) { return putInt(v, buf, left); }
-bool addToBuffer(int32_t v, uint8_t*& buf, size_t& left) { return putInt(v, buf, left); }
-bool addToBuffer(uint64_t v, uint8_t*& buf, size_t& left) { return putU64(v, buf, left); }
-bool addToBuffer(int64_t v, uint8_t*& buf, size_t& left) {
-    return putU64(static_cast<uint64_t>(v), buf, left);
-}
-
-bool getFromBuffer(const uint8_t*& buf, size_t& left, uint8_t& v) { return getInt(buf, left, v); }
-bool getFromBuffer(const uint8_t*& buf, size_t& left, int8_t& v) { return getInt(buf, left, v); }
-bool getFromBuffer(const uint8_t*& buf, size_t& left, uint16_t& v) { return getInt(buf, left, v); }
-bool getFromBuffer(const uint8_t*& buf, size_t& left, int16_t& v) { return getInt(buf, left, v); }
-bool getFromBuffer(const uint8_t*& buf, size_t& left, uint32_t& v) { return getInt(buf, left, v); }
-bool getFromBuffer(const uint8_t*& buf, size_t& left, int32_t& v) { return getInt(buf, left, v); }
-bool getFromBuffer(const uint8_t*& buf, size_t& left, uint64_t& v) { return getU64(buf, left, v); }
-bool getFromBuffer(const uint8_t*& buf, size_t& left, int64_t& v) {
-    uint64_t u = 0;
-    bool ok = getU64(buf, left, u);
-    v = static_cast<int64_t>(u);
-    return ok;
-}
 
 bool addToBuffer(const char* s, size_t maxLen, uint8_t*& buf, size_t& left) {
     if (s == nullptr || buf == nullptr) return false;

@@ -78,24 +78,101 @@ private:
 // Integers, big-endian. True on success; false when buf is null or fewer bytes
 // than the width are left, the cursor then untouched. 64-bit values go as the
 // high then the low 32-bit half; both halves are attempted and the result is
-// their AND (so a failed 64-bit value may have moved the cursor by 4).
-bool addToBuffer(uint8_t v, uint8_t*& buf, size_t& left);
-bool addToBuffer(int8_t v, uint8_t*& buf, size_t& left);
-bool addToBuffer(uint16_t v, uint8_t*& buf, size_t& left);
-bool addToBuffer(int16_t v, uint8_t*& buf, size_t& left);
-bool addToBuffer(uint32_t v, uint8_t*& buf, size_t& left);
-bool addToBuffer(int32_t v, uint8_t*& buf, size_t& left);
-bool addToBuffer(uint64_t v, uint8_t*& buf, size_t& left);
-bool addToBuffer(int64_t v, uint8_t*& buf, size_t& left);
+// their AND (so a failed 64-bit value may have moved the cursor by 4). Inline:
+// every field of every pack goes through these.
+namespace packing_detail {
 
-bool getFromBuffer(const uint8_t*& buf, size_t& left, uint8_t& v);
-bool getFromBuffer(const uint8_t*& buf, size_t& left, int8_t& v);
-bool getFromBuffer(const uint8_t*& buf, size_t& left, uint16_t& v);
-bool getFromBuffer(const uint8_t*& buf, size_t& left, int16_t& v);
-bool getFromBuffer(const uint8_t*& buf, size_t& left, uint32_t& v);
-bool getFromBuffer(const uint8_t*& buf, size_t& left, int32_t& v);
-bool getFromBuffer(const uint8_t*& buf, size_t& left, uint64_t& v);
-bool getFromBuffer(const uint8_t*& buf, size_t& left, int64_t& v);
+template <typename U>
+inline bool putBigEndian(U v, uint8_t*& buf, size_t& left) {
+    if (buf == nullptr || left < sizeof(U)) return false;
+    for (size_t i = 0; i < sizeof(U); ++i) buf[i] = static_cast<uint8_t>(v >> (8 * (sizeof(U) - 1 - i)));
+    buf += sizeof(U);
+    left -= sizeof(U);
+    return true;
+}
+
+template <typename U>
+inline bool getBigEndian(const uint8_t*& buf, size_t& left, U& v) {
+    if (buf == nullptr || left < sizeof(U)) return false;
+    U r = 0;
+    for (size_t i = 0; i < sizeof(U); ++i) r = static_cast<U>((r << 8) | buf[i]);
+    v = r;
+    buf += sizeof(U);
+    left -= sizeof(U);
+    return true;
+}
+
+// 64-bit values: the high half, then the low half; both are attempted.
+inline bool putU64(uint64_t v, uint8_t*& buf, size_t& left) {
+    bool ok = putBigEndian(static_cast<uint32_t>(v >> 32), buf, left);
+    ok = putBigEndian(static_cast<uint32_t>(v), buf, left) && ok;
+    return ok;
+}
+
+inline bool getU64(const uint8_t*& buf, size_t& left, uint64_t& v) {
+    uint32_t hi = 0;
+    uint32_t lo = 0;
+    bool ok = getBigEndian(buf, left, hi);
+    ok = getBigEndian(buf, left, lo) && ok;
+    v = (static_cast<uint64_t>(hi) << 32) | lo;
+    return ok;
+}
+
+}  // namespace packing_detail
+
+inline bool addToBuffer(uint8_t v, uint8_t*& buf, size_t& left) { return packing_detail::putBigEndian(v, buf, left); }
+inline bool addToBuffer(int8_t v, uint8_t*& buf, size_t& left) {
+    return packing_detail::putBigEndian(static_cast<uint8_t>(v), buf, left);
+}
+inline bool addToBuffer(uint16_t v, uint8_t*& buf, size_t& left) { return packing_detail::putBigEndian(v, buf, left); }
+inline bool addToBuffer(int16_t v, uint8_t*& buf, size_t& left) {
+    return packing_detail::putBigEndian(static_cast<uint16_t>(v), buf, left);
+}
+inline bool addToBuffer(uint32_t v, uint8_t*& buf, size_t& left) { return packing_detail::putBigEndian(v, buf, left); }
+inline bool addToBuffer(int32_t v, uint8_t*& buf, size_t& left) {
+    return packing_detail::putBigEndian(static_cast<uint32_t>(v), buf, left);
+}
+inline bool addToBuffer(uint64_t v, uint8_t*& buf, size_t& left) { return packing_detail::putU64(v, buf, left); }
+inline bool addToBuffer(int64_t v, uint8_t*& buf, size_t& left) {
+    return packing_detail::putU64(static_cast<uint64_t>(v), buf, left);
+}
+
+inline bool getFromBuffer(const uint8_t*& buf, size_t& left, uint8_t& v) {
+    return packing_detail::getBigEndian(buf, left, v);
+}
+inline bool getFromBuffer(const uint8_t*& buf, size_t& left, int8_t& v) {
+    uint8_t u = 0;
+    if (!packing_detail::getBigEndian(buf, left, u)) return false;
+    v = static_cast<int8_t>(u);
+    return true;
+}
+inline bool getFromBuffer(const uint8_t*& buf, size_t& left, uint16_t& v) {
+    return packing_detail::getBigEndian(buf, left, v);
+}
+inline bool getFromBuffer(const uint8_t*& buf, size_t& left, int16_t& v) {
+    uint16_t u = 0;
+    if (!packing_detail::getBigEndian(buf, left, u)) return false;
+    v = static_cast<int16_t>(u);
+    return true;
+}
+inline bool getFromBuffer(const uint8_t*& buf, size_t& left, uint32_t& v) {
+    return packing_detail::getBigEndian(buf, left, v);
+}
+inline bool getFromBuffer(const uint8_t*& buf, size_t& left, int32_t& v) {
+    uint32_t u = 0;
+    if (!packing_detail::getBigEndian(buf, left, u)) return false;
+    v = static_cast<int32_t>(u);
+    return true;
+}
+inline bool getFromBuffer(const uint8_t*& buf, size_t& left, uint64_t& v) {
+    return packing_detail::getU64(buf, left, v);
+}
+inline bool getFromBuffer(const uint8_t*& buf, size_t& left, int64_t& v) {
+    uint64_t u = 0;
+    bool ok = packing_detail::getU64(buf, left, u);
+    v = static_cast<int64_t>(u);
+    return ok;
+}
 
 // Texts: min(strlen(s), maxLen) characters and a NUL. True on success; false
 // (nothing written) when s or buf is null or fewer than that count + 1 bytes are

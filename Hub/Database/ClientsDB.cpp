@@ -1,4 +1,5 @@
 #include "Hub/Database/ClientsDB.h"
+#include "Hub/log_line.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -57,26 +58,43 @@ int toInt(const std::string& value) {
     return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
 }
 
-// The sixteen lines of a record, in their fixed order.
-std::string formatRecord(const ClientDBRec& rec) {
-    std::ostringstream os;
-    os << "DUID=" << rec.duid << '\n'
-       << "MAIN_KEY=" << rec.mainKey << '\n'
-       << "ID=" << rec.id << '\n'
-       << "SPECS=" << rec.specs << '\n'
-       << "VERSION=" << static_cast<unsigned>(rec.version) << '\n'
-       << "NAME=" << rec.assignedName << '\n'
-       << "FIRST_ADDR=" << rec.firstAddress << '\n'
-       << "LAST_ADDR=" << rec.lastAddress << '\n'
-       << "FIRST_TIME=" << rec.firstConnect << '\n'
-       << "LAST_TIME=" << rec.lastConnect << '\n'
-       << "KEY_TIME=" << rec.keyTime << '\n'
-       << "SESSION_KEY=" << rec.sessionKey << '\n'
-       << "TRUST=" << static_cast<unsigned>(rec.trust) << '\n'
-       << "SIG_TYPE=" << static_cast<unsigned>(rec.sigType) << '\n'
-       << "ENC_TYPE=" << static_cast<unsigned>(rec.encType) << '\n'
-       << "SEQUENCES=" << rec.toDeviceSequence << ' ' << rec.fromDeviceSequence << '\n';
-    return os.str();
+// Decimal digits of v appended to out.
+void appendNumber(std::string& out, uint64_t v) {
+    char digits[20];
+    size_t n = 0;
+    do {
+        digits[sizeof(digits) - 1 - n++] = static_cast<char>('0' + v % 10);
+        v /= 10;
+    } while (v != 0);
+    out.append(digits + sizeof(digits) - n, n);
+}
+
+// Two lower-case hex digits per byte in use.
+void appendHex(std::string& out, const ByteArray<32>& arr) {
+    static const char digits[] = "0123456789abcdef";
+    for (size_t i = 0; i < arr.size(); ++i) {
+        out += digits[arr[i] >> 4];
+        out += digits[arr[i] & 0x0f];
+    }
+}
+
+void appendAddress(std::string& out, const SockAddress& a) {
+    out += '[';
+    out += a.ipAddr();
+    out += "]:";
+    appendNumber(out, a.port());
+}
+
+void appendLine(std::string& out, const char* key, const std::string& value) {
+    out += key;
+    out += value;
+    out += '\n';
+}
+
+void appendLine(std::string& out, const char* key, uint64_t value) {
+    out += key;
+    appendNumber(out, value);
+    out += '\n';
 }
 
 // Writes all of text to fd; false on any short or failed write.
@@ -98,10 +116,14 @@ int createFresh(const std::string& path) {
     return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
 }
 
-// Writes text to the open temporary file, syncs it to disk and closes it; true
-// when all of that succeeded.
+// Writes text to the open temporary file and closes it; true when both
+// succeeded. No fsync: the rename that follows already makes the switch from
+// the old record to the new one atomic for every reader and against a killed
+// process, and syncing each record would cost milliseconds. A power loss may
+// lose the latest writes (the file then holds an older whole record, or none
+// for a device that had just joined).
 bool finishTemp(int fd, const std::string& text) {
-    const bool written = writeAll(fd, text) && ::fsync(fd) == 0;
+    const bool written = writeAll(fd, text);
     const bool closed = ::close(fd) == 0;
     return written && closed;
 }
@@ -157,6 +179,39 @@ std::ostream& operator<<(std::ostream& os, const ByteArray<32>& arr) {
     os.flags(flags);
     os.fill(fill);
     return os;
+}
+
+std::string recordText(const ClientDBRec& rec) {
+    std::string out;
+    out.reserve(384);
+    appendLine(out, "DUID=", rec.duid);
+    out += "MAIN_KEY=";
+    appendHex(out, rec.mainKey);
+    out += '\n';
+    appendLine(out, "ID=", rec.id);
+    appendLine(out, "SPECS=", rec.specs);
+    appendLine(out, "VERSION=", rec.version);
+    appendLine(out, "NAME=", rec.assignedName);
+    out += "FIRST_ADDR=";
+    appendAddress(out, rec.firstAddress);
+    out += "\nLAST_ADDR=";
+    appendAddress(out, rec.lastAddress);
+    out += '\n';
+    appendLine(out, "FIRST_TIME=", rec.firstConnect);
+    appendLine(out, "LAST_TIME=", rec.lastConnect);
+    appendLine(out, "KEY_TIME=", rec.keyTime);
+    out += "SESSION_KEY=";
+    appendHex(out, rec.sessionKey);
+    out += '\n';
+    appendLine(out, "TRUST=", rec.trust);
+    appendLine(out, "SIG_TYPE=", rec.sigType);
+    appendLine(out, "ENC_TYPE=", rec.encType);
+    out += "SEQUENCES=";
+    appendNumber(out, rec.toDeviceSequence);
+    out += ' ';
+    appendNumber(out, rec.fromDeviceSequence);
+    out += '\n';
+    return out;
 }
 
 bool parseRecordLine(const std::string& line, ClientDBRec& rec) {
@@ -228,20 +283,25 @@ void ClientsDatabase::attemptBackup(const std::string& backupPath) const {
 }
 
 bool ClientsDatabase::updateRecord(const ClientDBRec& rec) {
-    const bool status = false;  // kept: never set, the result is false on success too
+    const bool status = false;  // kept: the result is false on success too
+    storeRecord(rec);
+    return status;
+}
+
+bool ClientsDatabase::storeRecord(const ClientDBRec& rec) {
     if (!isPlainFileName(rec.duid)) return refuseName("updateRecord", rec.duid);
     if (holdsLineBreak(rec)) return refuseLineBreak(rec.duid);
-    if (dirName.empty()) return status;  // "/<duid>.dev" would be outside any database
+    if (dirName.empty()) return false;  // "/<duid>.dev" would be outside any database
     const std::string path = recordPath(rec.duid);
     attemptBackup(path + "~");
 
     const std::string tempPath = path + ".tmp";
     const int fd = createFresh(tempPath);
-    if (fd < 0) return status;
+    if (fd < 0) return false;
     cacheRecord(rec.duid, rec.id);
-    if (!finishTemp(fd, formatRecord(rec)) || ::rename(tempPath.c_str(), path.c_str()) != 0)
-        ::unlink(tempPath.c_str());
-    return status;
+    if (finishTemp(fd, recordText(rec)) && ::rename(tempPath.c_str(), path.c_str()) == 0) return true;
+    ::unlink(tempPath.c_str());
+    return false;
 }
 
 bool ClientsDatabase::preloadCache() {
@@ -259,7 +319,7 @@ bool ClientsDatabase::preloadCache() {
         if (!loadRecord(duid, rec) || rec.id == 0) continue;
         cacheRecord(rec.duid, rec.id);
         if (rec.id >= nextNodeId) nextNodeId = static_cast<DeviceID>(rec.id + 1);
-        std::cout << "add to map " << duid << " -- " << rec.id << " next=" << nextNodeId << '\n';
+        LogLine(std::cout) << "add to map " << duid << " -- " << rec.id << " next=" << nextNodeId << '\n';
     }
     return true;
 }

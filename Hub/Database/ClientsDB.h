@@ -7,7 +7,8 @@
 // once from the directory at construction and afterwards only grows through
 // updateRecord; lookups between DUID and id never touch the disk. A record is
 // written whole to a temporary file and renamed over the old one, so a crash
-// never leaves a torn record. Nothing is ever written outside the directory.
+// of the process never leaves a torn record (records are not synced: a power
+// loss may lose the latest writes). Nothing is ever written outside the directory.
 // Main thread only; no locks. Times are Timestamp milliseconds.
 #pragma once
 
@@ -82,6 +83,12 @@ public:
     // read back as the record: the text after the break would be taken for a
     // line of its own, an "ID=" line included). Does not move the next free id.
     bool updateRecord(const ClientDBRec& rec);
+    // The work of updateRecord with its real outcome: true when the record's
+    // file now holds rec (temporary file written, closed and renamed over the
+    // old one); false on every refusal or failure. Records are not synced to
+    // disk: a killed process never leaves a torn record (the rename is atomic),
+    // while a power loss may lose the latest writes.
+    bool storeRecord(const ClientDBRec& rec);
     // Fills the cache from the directory; false only when it cannot be listed.
     // Called by the constructor.
     bool preloadCache();
@@ -100,6 +107,9 @@ private:
 // The hub's one instance, on the directory "DB"; defined with the hub's other
 // process-wide objects.
 extern ClientsDatabase clientsDb;
+
+// The sixteen lines of rec in their fixed order: the exact content of its file.
+std::string recordText(const ClientDBRec& rec);
 
 // Parses one KEY=VALUE record line into rec. True when the line carried one of
 // the sixteen keys (even if its value did not convert); false, rec unchanged,

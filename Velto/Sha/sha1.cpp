@@ -3,6 +3,15 @@
 
 #include <cstring>
 
+#include "Velto/Sha/sha_engine.h"
+
+#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
+#define VELTO_SHA_EXTENSIONS 1
+#include <immintrin.h>
+#else
+#define VELTO_SHA_EXTENSIONS 0
+#endif
+
 Sha1Class Sha1;
 
 namespace {
@@ -16,21 +25,6 @@ inline uint32_t loadBE32(const uint8_t* p) {
            (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
 }
 
-}  // namespace
-
-Sha1Class::Sha1Class() {
-    memset(keyBuffer, 0, sizeof(keyBuffer));
-    memset(innerHash, 0, sizeof(innerHash));
-    init();
-}
-
-void Sha1Class::init() {
-    memcpy(state, SHA1_INIT, sizeof(state));
-    memset(buffer, 0, sizeof(buffer));
-    bufferOffset = 0;
-    byteCount = 0;
-}
-
 // One round: t = rol(a, 5) + f + e + k + w; then the registers shift down.
 #define SHA1_ROUND(f, k, w)                                  \
     do {                                                     \
@@ -42,7 +36,7 @@ void Sha1Class::init() {
         a = t;                                               \
     } while (0)
 
-void Sha1Class::hashBlock(const uint8_t* block) {
+void compressBlockPortable(uint32_t state[5], const uint8_t* block) {
     // The message schedule is kept as a rolling window of 16 words.
     uint32_t w[16];
     for (int i = 0; i < 16; ++i) w[i] = loadBE32(block + 4 * i);
@@ -65,6 +59,118 @@ void Sha1Class::hashBlock(const uint8_t* block) {
 }
 
 #undef SHA1_ROUND
+
+#if VELTO_SHA_EXTENSIONS
+
+// Loads 16 message bytes as four big-endian words, first word in the top lane.
+__attribute__((target("sha,sse4.1"))) inline __m128i loadMessage(const uint8_t* p) {
+    const __m128i reverse = _mm_set_epi64x(0x0001020304050607LL, 0x08090a0b0c0d0e0fLL);
+    return _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), reverse);
+}
+
+// Four rounds (group g of 20) with the schedule work that goes with them:
+// `m` holds words 4g..4g+3; `next` is finished for group g+1, `x` and
+// `later` take their parts of groups g+2 and g+3.
+#define SHA1_GROUP(ecur, eoth, m, next, x, later, f) \
+    ecur = _mm_sha1nexte_epu32(ecur, m);             \
+    eoth = abcd;                                     \
+    next = _mm_sha1msg2_epu32(next, m);              \
+    abcd = _mm_sha1rnds4_epu32(abcd, ecur, f);       \
+    later = _mm_sha1msg1_epu32(later, m);            \
+    x = _mm_xor_si128(x, m)
+
+// The same compression with the processor's SHA instructions.
+__attribute__((target("sha,sse4.1"))) void compressShaExtensions(uint32_t state[5], const uint8_t* data,
+                                                                   size_t blocks) {
+    __m128i abcd = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(state)), 0x1b);
+    __m128i e0 = _mm_set_epi32(static_cast<int>(state[4]), 0, 0, 0);
+    for (; blocks > 0; --blocks, data += SHA1_BLOCK_LENGTH) {
+        const __m128i abcdSave = abcd;
+        const __m128i eSave = e0;
+        __m128i e1;
+        // Rounds 0-15: the message words come straight from the block.
+        __m128i m0 = loadMessage(data);
+        e0 = _mm_add_epi32(e0, m0);
+        e1 = abcd;
+        abcd = _mm_sha1rnds4_epu32(abcd, e0, 0);
+        __m128i m1 = loadMessage(data + 16);
+        e1 = _mm_sha1nexte_epu32(e1, m1);
+        e0 = abcd;
+        abcd = _mm_sha1rnds4_epu32(abcd, e1, 0);
+        m0 = _mm_sha1msg1_epu32(m0, m1);
+        __m128i m2 = loadMessage(data + 32);
+        e0 = _mm_sha1nexte_epu32(e0, m2);
+        e1 = abcd;
+        abcd = _mm_sha1rnds4_epu32(abcd, e0, 0);
+        m1 = _mm_sha1msg1_epu32(m1, m2);
+        m0 = _mm_xor_si128(m0, m2);
+        __m128i m3 = loadMessage(data + 48);
+        SHA1_GROUP(e1, e0, m3, m0, m1, m2, 0);
+        // Rounds 16-67.
+        SHA1_GROUP(e0, e1, m0, m1, m2, m3, 0);
+        SHA1_GROUP(e1, e0, m1, m2, m3, m0, 1);
+        SHA1_GROUP(e0, e1, m2, m3, m0, m1, 1);
+        SHA1_GROUP(e1, e0, m3, m0, m1, m2, 1);
+        SHA1_GROUP(e0, e1, m0, m1, m2, m3, 1);
+        SHA1_GROUP(e1, e0, m1, m2, m3, m0, 1);
+        SHA1_GROUP(e0, e1, m2, m3, m0, m1, 2);
+        SHA1_GROUP(e1, e0, m3, m0, m1, m2, 2);
+        SHA1_GROUP(e0, e1, m0, m1, m2, m3, 2);
+        SHA1_GROUP(e1, e0, m1, m2, m3, m0, 2);
+        SHA1_GROUP(e0, e1, m2, m3, m0, m1, 2);
+        SHA1_GROUP(e1, e0, m3, m0, m1, m2, 3);
+        SHA1_GROUP(e0, e1, m0, m1, m2, m3, 3);
+        // Rounds 68-79: the schedule runs out.
+        e1 = _mm_sha1nexte_epu32(e1, m1);
+        e0 = abcd;
+        m2 = _mm_sha1msg2_epu32(m2, m1);
+        abcd = _mm_sha1rnds4_epu32(abcd, e1, 3);
+        m3 = _mm_xor_si128(m3, m1);
+        e0 = _mm_sha1nexte_epu32(e0, m2);
+        e1 = abcd;
+        m3 = _mm_sha1msg2_epu32(m3, m2);
+        abcd = _mm_sha1rnds4_epu32(abcd, e0, 3);
+        e1 = _mm_sha1nexte_epu32(e1, m3);
+        e0 = abcd;
+        abcd = _mm_sha1rnds4_epu32(abcd, e1, 3);
+        e0 = _mm_sha1nexte_epu32(e0, eSave);
+        abcd = _mm_add_epi32(abcd, abcdSave);
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(state), _mm_shuffle_epi32(abcd, 0x1b));
+    state[4] = static_cast<uint32_t>(_mm_extract_epi32(e0, 3));
+}
+
+#undef SHA1_GROUP
+
+#endif  // VELTO_SHA_EXTENSIONS
+
+// Compresses `blocks` consecutive 64-byte blocks into state.
+void compressBlocks(uint32_t state[5], const uint8_t* data, size_t blocks) {
+#if VELTO_SHA_EXTENSIONS
+    if (activeShaEngine() == ShaEngine::SHA_EXTENSIONS) {
+        compressShaExtensions(state, data, blocks);
+        return;
+    }
+#endif
+    for (; blocks > 0; --blocks, data += SHA1_BLOCK_LENGTH) compressBlockPortable(state, data);
+}
+
+}  // namespace
+
+Sha1Class::Sha1Class() {
+    memset(keyBuffer, 0, sizeof(keyBuffer));
+    memset(innerHash, 0, sizeof(innerHash));
+    init();
+}
+
+void Sha1Class::init() {
+    memcpy(state, SHA1_INIT, sizeof(state));
+    memset(buffer, 0, sizeof(buffer));
+    bufferOffset = 0;
+    byteCount = 0;
+}
+
+void Sha1Class::hashBlock(const uint8_t* block) { compressBlocks(state, block, 1); }
 
 void Sha1Class::addUncounted(uint8_t b) {
     buffer[bufferOffset++] = b;
@@ -95,10 +201,11 @@ size_t Sha1Class::write(const uint8_t* data, size_t n) {
         hashBlock(buffer);
         bufferOffset = 0;
     }
-    while (rest >= SHA1_BLOCK_LENGTH) {
-        hashBlock(data);
-        data += SHA1_BLOCK_LENGTH;
-        rest -= SHA1_BLOCK_LENGTH;
+    const size_t blocks = rest / SHA1_BLOCK_LENGTH;
+    if (blocks > 0) {
+        compressBlocks(state, data, blocks);
+        data += blocks * SHA1_BLOCK_LENGTH;
+        rest -= blocks * SHA1_BLOCK_LENGTH;
     }
     memcpy(buffer, data, rest);
     bufferOffset = static_cast<uint8_t>(rest);
@@ -106,10 +213,18 @@ size_t Sha1Class::write(const uint8_t* data, size_t n) {
 }
 
 void Sha1Class::pad() {
-    uint64_t bits = static_cast<uint64_t>(byteCount) * 8u;
-    addUncounted(0x80);
-    while (bufferOffset != SHA1_BLOCK_LENGTH - 8) addUncounted(0x00);
-    for (int i = 7; i >= 0; --i) addUncounted(static_cast<uint8_t>(bits >> (8 * i)));
+    const uint64_t bits = static_cast<uint64_t>(byteCount) * 8u;
+    const size_t lengthAt = SHA1_BLOCK_LENGTH - 8;
+    buffer[bufferOffset++] = 0x80;
+    if (bufferOffset > lengthAt) {  // no room for the length: it goes in a block of its own
+        memset(buffer + bufferOffset, 0, SHA1_BLOCK_LENGTH - bufferOffset);
+        hashBlock(buffer);
+        bufferOffset = 0;
+    }
+    memset(buffer + bufferOffset, 0, lengthAt - bufferOffset);
+    for (size_t i = 0; i < 8; ++i) buffer[lengthAt + i] = static_cast<uint8_t>(bits >> (8 * (7 - i)));
+    hashBlock(buffer);
+    bufferOffset = 0;
 }
 
 uint8_t* Sha1Class::result() {

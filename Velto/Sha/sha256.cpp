@@ -3,6 +3,15 @@
 
 #include <cstring>
 
+#include "Velto/Sha/sha_engine.h"
+
+#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
+#define VELTO_SHA_EXTENSIONS 1
+#include <immintrin.h>
+#else
+#define VELTO_SHA_EXTENSIONS 0
+#endif
+
 Sha256Class Sha256;
 
 namespace {
@@ -27,22 +36,7 @@ inline uint32_t loadBE32(const uint8_t* p) {
            (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
 }
 
-}  // namespace
-
-Sha256Class::Sha256Class() {
-    memset(keyBuffer, 0, sizeof(keyBuffer));
-    memset(innerHash, 0, sizeof(innerHash));
-    init();
-}
-
-void Sha256Class::init() {
-    memcpy(state, SHA256_INIT, sizeof(state));
-    memset(buffer, 0, sizeof(buffer));
-    bufferOffset = 0;
-    byteCount = 0;
-}
-
-void Sha256Class::hashBlock(const uint8_t* block) {
+void compressBlockPortable(uint32_t state[8], const uint8_t* block) {
     uint32_t w[64];
     for (int i = 0; i < 16; ++i) w[i] = loadBE32(block + 4 * i);
     for (int i = 16; i < 64; ++i) {
@@ -78,6 +72,125 @@ void Sha256Class::hashBlock(const uint8_t* block) {
     state[7] += h;
 }
 
+#if VELTO_SHA_EXTENSIONS
+
+// Loads 16 message bytes as four big-endian words, first word in the lowest lane.
+__attribute__((target("sha,sse4.1"))) inline __m128i loadMessage(const uint8_t* p) {
+    const __m128i swap = _mm_set_epi64x(0x0c0d0e0f08090a0bLL, 0x0405060700010203LL);
+    return _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), swap);
+}
+
+__attribute__((target("sha,sse4.1"))) inline __m128i roundConstants(int group) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(SHA256_K + 4 * group));
+}
+
+// Four rounds on words m plus constants k: two rounds per instruction, the
+// second pair from the upper half.
+#define SHA256_ROUNDS4(m, group)                            \
+    msg = _mm_add_epi32(m, roundConstants(group));          \
+    cdgh = _mm_sha256rnds2_epu32(cdgh, abef, msg);          \
+    msg = _mm_shuffle_epi32(msg, 0x0e);                     \
+    abef = _mm_sha256rnds2_epu32(abef, cdgh, msg)
+
+// Four rounds (group g of 16) with the schedule work that goes with them: `m`
+// holds words 4g..4g+3, `prev` those of group g-1; `next` is finished for
+// group g+1 and `m3` gets its first part for group g+3.
+#define SHA256_GROUP(m, prev, next, m3, group)                      \
+    msg = _mm_add_epi32(m, roundConstants(group));                  \
+    cdgh = _mm_sha256rnds2_epu32(cdgh, abef, msg);                  \
+    next = _mm_add_epi32(next, _mm_alignr_epi8(m, prev, 4));        \
+    next = _mm_sha256msg2_epu32(next, m);                           \
+    msg = _mm_shuffle_epi32(msg, 0x0e);                             \
+    abef = _mm_sha256rnds2_epu32(abef, cdgh, msg);                  \
+    m3 = _mm_sha256msg1_epu32(m3, m)
+
+// The same compression with the processor's SHA instructions. They work on
+// the state as the word pairs ABEF and CDGH.
+__attribute__((target("sha,sse4.1"))) void compressShaExtensions(uint32_t state[8], const uint8_t* data,
+                                                                   size_t blocks) {
+    const __m128i cdab = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(state)), 0xb1);
+    const __m128i efgh = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(state + 4)), 0x1b);
+    __m128i abef = _mm_alignr_epi8(cdab, efgh, 8);
+    __m128i cdgh = _mm_blend_epi16(efgh, cdab, 0xf0);
+    for (; blocks > 0; --blocks, data += SHA256_BLOCK_LENGTH) {
+        const __m128i abefSave = abef;
+        const __m128i cdghSave = cdgh;
+        __m128i msg;
+        __m128i m0 = loadMessage(data);
+        SHA256_ROUNDS4(m0, 0);
+        __m128i m1 = loadMessage(data + 16);
+        SHA256_ROUNDS4(m1, 1);
+        m0 = _mm_sha256msg1_epu32(m0, m1);
+        __m128i m2 = loadMessage(data + 32);
+        SHA256_ROUNDS4(m2, 2);
+        m1 = _mm_sha256msg1_epu32(m1, m2);
+        __m128i m3 = loadMessage(data + 48);
+        SHA256_GROUP(m3, m2, m0, m2, 3);
+        SHA256_GROUP(m0, m3, m1, m3, 4);
+        SHA256_GROUP(m1, m0, m2, m0, 5);
+        SHA256_GROUP(m2, m1, m3, m1, 6);
+        SHA256_GROUP(m3, m2, m0, m2, 7);
+        SHA256_GROUP(m0, m3, m1, m3, 8);
+        SHA256_GROUP(m1, m0, m2, m0, 9);
+        SHA256_GROUP(m2, m1, m3, m1, 10);
+        SHA256_GROUP(m3, m2, m0, m2, 11);
+        SHA256_GROUP(m0, m3, m1, m3, 12);
+        // Groups 13-15: the schedule runs out.
+        msg = _mm_add_epi32(m1, roundConstants(13));
+        cdgh = _mm_sha256rnds2_epu32(cdgh, abef, msg);
+        m2 = _mm_add_epi32(m2, _mm_alignr_epi8(m1, m0, 4));
+        m2 = _mm_sha256msg2_epu32(m2, m1);
+        msg = _mm_shuffle_epi32(msg, 0x0e);
+        abef = _mm_sha256rnds2_epu32(abef, cdgh, msg);
+        msg = _mm_add_epi32(m2, roundConstants(14));
+        cdgh = _mm_sha256rnds2_epu32(cdgh, abef, msg);
+        m3 = _mm_add_epi32(m3, _mm_alignr_epi8(m2, m1, 4));
+        m3 = _mm_sha256msg2_epu32(m3, m2);
+        msg = _mm_shuffle_epi32(msg, 0x0e);
+        abef = _mm_sha256rnds2_epu32(abef, cdgh, msg);
+        SHA256_ROUNDS4(m3, 15);
+        abef = _mm_add_epi32(abef, abefSave);
+        cdgh = _mm_add_epi32(cdgh, cdghSave);
+    }
+    const __m128i feba = _mm_shuffle_epi32(abef, 0x1b);
+    const __m128i dchg = _mm_shuffle_epi32(cdgh, 0xb1);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(state), _mm_blend_epi16(feba, dchg, 0xf0));  // DCBA
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(state + 4), _mm_alignr_epi8(dchg, feba, 8));  // HGFE
+}
+
+#undef SHA256_GROUP
+#undef SHA256_ROUNDS4
+
+#endif  // VELTO_SHA_EXTENSIONS
+
+// Compresses `blocks` consecutive 64-byte blocks into state.
+void compressBlocks(uint32_t state[8], const uint8_t* data, size_t blocks) {
+#if VELTO_SHA_EXTENSIONS
+    if (activeShaEngine() == ShaEngine::SHA_EXTENSIONS) {
+        compressShaExtensions(state, data, blocks);
+        return;
+    }
+#endif
+    for (; blocks > 0; --blocks, data += SHA256_BLOCK_LENGTH) compressBlockPortable(state, data);
+}
+
+}  // namespace
+
+Sha256Class::Sha256Class() {
+    memset(keyBuffer, 0, sizeof(keyBuffer));
+    memset(innerHash, 0, sizeof(innerHash));
+    init();
+}
+
+void Sha256Class::init() {
+    memcpy(state, SHA256_INIT, sizeof(state));
+    memset(buffer, 0, sizeof(buffer));
+    bufferOffset = 0;
+    byteCount = 0;
+}
+
+void Sha256Class::hashBlock(const uint8_t* block) { compressBlocks(state, block, 1); }
+
 void Sha256Class::addUncounted(uint8_t b) {
     buffer[bufferOffset++] = b;
     if (bufferOffset == SHA256_BLOCK_LENGTH) {
@@ -107,10 +220,11 @@ size_t Sha256Class::write(const uint8_t* data, size_t n) {
         hashBlock(buffer);
         bufferOffset = 0;
     }
-    while (rest >= SHA256_BLOCK_LENGTH) {
-        hashBlock(data);
-        data += SHA256_BLOCK_LENGTH;
-        rest -= SHA256_BLOCK_LENGTH;
+    const size_t blocks = rest / SHA256_BLOCK_LENGTH;
+    if (blocks > 0) {
+        compressBlocks(state, data, blocks);
+        data += blocks * SHA256_BLOCK_LENGTH;
+        rest -= blocks * SHA256_BLOCK_LENGTH;
     }
     memcpy(buffer, data, rest);
     bufferOffset = static_cast<uint8_t>(rest);
@@ -118,10 +232,18 @@ size_t Sha256Class::write(const uint8_t* data, size_t n) {
 }
 
 void Sha256Class::pad() {
-    uint64_t bits = static_cast<uint64_t>(byteCount) * 8u;
-    addUncounted(0x80);
-    while (bufferOffset != SHA256_BLOCK_LENGTH - 8) addUncounted(0x00);
-    for (int i = 7; i >= 0; --i) addUncounted(static_cast<uint8_t>(bits >> (8 * i)));
+    const uint64_t bits = static_cast<uint64_t>(byteCount) * 8u;
+    const size_t lengthAt = SHA256_BLOCK_LENGTH - 8;
+    buffer[bufferOffset++] = 0x80;
+    if (bufferOffset > lengthAt) {  // no room for the length: it goes in a block of its own
+        memset(buffer + bufferOffset, 0, SHA256_BLOCK_LENGTH - bufferOffset);
+        hashBlock(buffer);
+        bufferOffset = 0;
+    }
+    memset(buffer + bufferOffset, 0, lengthAt - bufferOffset);
+    for (size_t i = 0; i < 8; ++i) buffer[lengthAt + i] = static_cast<uint8_t>(bits >> (8 * (7 - i)));
+    hashBlock(buffer);
+    bufferOffset = 0;
 }
 
 uint8_t* Sha256Class::result() {

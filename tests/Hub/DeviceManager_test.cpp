@@ -318,19 +318,72 @@ TEST_F(ManagerTest, DestroyClientTellsEveryPartyOnce) {
 // ---------------------------------------------------------------------------
 // Flush
 
-TEST_F(ManagerTest, FlushWritesTheCurrentRecordAndRewritesALostFile) {
+TEST_F(ManagerTest, FlushWritesTheCurrentRecordAndRetriesAFailedWrite) {
     ClientProxy* proxy = device("lamp", 40001);
     proxy->record().toDeviceSequence = 12;
     proxy->record().fromDeviceSequence = 7;
     mgr.doFlush(0);
+    EXPECT_FALSE(mgr.flushPending());
     EXPECT_NE(std::string::npos, recordText("lamp").find("SEQUENCES=12 7\n"));
 
+    // The directory is gone while the record changes: the write fails...
+    const std::string away = dir.path() + ".away";
+    ASSERT_EQ(0, std::rename(dir.path().c_str(), away.c_str()));
+    proxy->record().toDeviceSequence = 13;
+    mgr.doFlush(0);
+    ASSERT_EQ(0, std::rename(away.c_str(), dir.path().c_str()));
+    EXPECT_NE(std::string::npos, recordText("lamp").find("SEQUENCES=12 7\n"));
+    // ...so the next flush writes it, although it has not changed since.
+    mgr.doFlush(0);
+    EXPECT_NE(std::string::npos, recordText("lamp").find("SEQUENCES=13 7\n"));
+
+    // Kept as designed: a file removed behind the hub's back is not noticed
+    // while its record stays as last written; the next change writes it.
     ASSERT_EQ(0, std::remove(dir.file("lamp.dev").c_str()));
-    mgr.doFlush(0);  // unchanged, but the file is gone: written again
-    ClientDBRec back;
-    ASSERT_TRUE(db.loadRecord("lamp", back));
-    EXPECT_EQ(12u, back.toDeviceSequence);
-    EXPECT_EQ(7u, back.fromDeviceSequence);
+    mgr.doFlush(0);
+    EXPECT_FALSE(testsupport::fileExists(dir.file("lamp.dev")));
+    proxy->record().fromDeviceSequence = 8;
+    mgr.flushAll();
+    EXPECT_NE(std::string::npos, recordText("lamp").find("SEQUENCES=13 8\n"));
+}
+
+TEST_F(ManagerTest, FlushGoesOnStepByStepWithEachRecordAsItIsWhenWritten) {
+    mgr.setFlushSliceMs(0);  // one record per step
+    ClientProxy* a = device("a", 40001);
+    ClientProxy* b = device("b", 40002);
+    ClientProxy* c = device("c", 40003);
+    for (ClientProxy* p : {a, b, c}) p->record().toDeviceSequence = 1;
+    mgr.doFlush(0);
+    EXPECT_TRUE(mgr.flushPending());
+    EXPECT_NE(std::string::npos, recordText("a").find("SEQUENCES=1 0\n"));
+    EXPECT_NE(std::string::npos, recordText("b").find("SEQUENCES=0 0\n"));
+
+    b->record().toDeviceSequence = 2;  // changed before its turn: written as it is then
+    mgr.continueFlush();
+    EXPECT_NE(std::string::npos, recordText("b").find("SEQUENCES=2 0\n"));
+    EXPECT_NE(std::string::npos, recordText("c").find("SEQUENCES=0 0\n"));
+
+    // A new round while one is under way goes on after the last device handled
+    // (c first), then takes the others in turn.
+    a->record().toDeviceSequence = 3;
+    c->record().toDeviceSequence = 3;
+    mgr.doFlush(0);
+    EXPECT_NE(std::string::npos, recordText("c").find("SEQUENCES=3 0\n"));
+    EXPECT_NE(std::string::npos, recordText("a").find("SEQUENCES=1 0\n"));
+    for (int i = 0; i < 10 && mgr.flushPending(); ++i) mgr.continueFlush();
+    EXPECT_FALSE(mgr.flushPending());
+    EXPECT_NE(std::string::npos, recordText("a").find("SEQUENCES=3 0\n"));
+
+    // A device destroyed while queued is passed over.
+    b->record().toDeviceSequence = 4;
+    c->record().toDeviceSequence = 4;
+    mgr.doFlush(0);  // a: unchanged, skipped
+    mgr.continueFlush();
+    EXPECT_NE(std::string::npos, recordText("b").find("SEQUENCES=4 0\n"));
+    mgr.destroyClient(c->record().id);
+    mgr.continueFlush();
+    EXPECT_FALSE(mgr.flushPending());
+    EXPECT_NE(std::string::npos, recordText("c").find("SEQUENCES=3 0\n"));
 }
 
 TEST_F(ManagerTest, FlushSkipsARecordWhoseFileAlreadyHoldsIt) {

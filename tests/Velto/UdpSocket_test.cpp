@@ -1,7 +1,9 @@
 #include "Velto/UdpSocket.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <map>
@@ -127,4 +129,92 @@ TEST(UdpSocketTest, SendReceiveCutAndPoll) {
     EXPECT_EQ(0, memcmp(buf, big.data(), 400));
     EXPECT_EQ(0xEE, buf[400]);
     EXPECT_EQ(0, rx.recvWithTo(buf, 400, nullptr, 0));  // the rest is gone
+}
+
+TEST(UdpSocketTest, ReceiveWithoutWaitAndShortWaits) {
+    UdpSocket rx, tx;
+    const SockAddress rxAddr = bindLoopback(rx);
+    const SockAddress txAddr = bindLoopback(tx, "127.0.0.2");
+    uint8_t buf[400];
+    EXPECT_EQ(0, rx.recvNoWait(buf, sizeof(buf), nullptr));  // nothing queued: 0 at once
+    EXPECT_EQ(0, rx.waitReadable(200));
+    EXPECT_EQ(-1, rx.recvNoWait(nullptr, sizeof(buf), nullptr));
+
+    uint8_t msg[3] = {7, 8, 9};
+    ASSERT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    ASSERT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(1, rx.waitReadable(2000000));
+    EXPECT_EQ(1, rx.waitReadable(0));  // the datagram is still there
+    SockAddress from;
+    ASSERT_EQ(3, rx.recvNoWait(buf, sizeof(buf), &from));
+    EXPECT_EQ(txAddr, from);
+    from = SockAddress();
+    ASSERT_EQ(2, rx.recvNoWait(buf, 2, &from));  // cut to the capacity
+    EXPECT_EQ(txAddr, from);
+    EXPECT_EQ(0, rx.recvNoWait(buf, sizeof(buf), nullptr));
+
+    UdpSocket closed;
+    EXPECT_EQ(-1, closed.recvNoWait(buf, sizeof(buf), nullptr));
+    EXPECT_EQ(-1, closed.waitReadable(0));
+}
+
+// select() cannot watch a descriptor of 1024 or more; the waits must still work there.
+TEST(UdpSocketTest, WaitsWorkOnDescriptorsAbove1024) {
+    rlimit lim{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &lim));
+    if (lim.rlim_cur < 1100) {
+        rlimit raised = lim;
+        raised.rlim_cur = lim.rlim_max < 1100 ? lim.rlim_max : 1100;
+        if (raised.rlim_cur < 1100 || setrlimit(RLIMIT_NOFILE, &raised) != 0)
+            GTEST_SKIP() << "cannot open 1100 descriptors here";
+    }
+    std::vector<int> filler;
+    for (int i = 0; i < 1030; ++i) {
+        const int fd = dup(0);
+        if (fd < 0) break;
+        filler.push_back(fd);
+    }
+    UdpSocket rx, tx;
+    const SockAddress rxAddr = bindLoopback(rx);
+    bindLoopback(tx);
+    EXPECT_GE(rx.handle(), 1024);
+    uint8_t buf[16];
+    EXPECT_EQ(0, rx.recvWithTo(buf, sizeof(buf), nullptr, 0));
+    uint8_t msg[4] = {1, 2, 3, 4};
+    ASSERT_EQ(4, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(4, rx.recvWithTo(buf, sizeof(buf), nullptr, 2000));
+    for (int fd : filler) close(fd);
+    setrlimit(RLIMIT_NOFILE, &lim);
+}
+
+TEST(UdpSocketTest, BatchReceiveKeepsOrderSizesAndSenders) {
+    UdpSocket rx, a, b;
+    const SockAddress rxAddr = bindLoopback(rx);
+    const SockAddress aAddr = bindLoopback(a, "127.0.0.2");
+    const SockAddress bAddr = bindLoopback(b, "127.0.0.3");
+    uint8_t buffers[3 * 8];
+    int sizes[3] = {-5, -5, -5};
+    SockAddress froms[3];
+    EXPECT_EQ(0, rx.recvBatchNoWait(buffers, 8, 3, sizes, froms));  // nothing queued
+    EXPECT_EQ(-1, rx.recvBatchNoWait(nullptr, 8, 3, sizes, froms));
+    EXPECT_EQ(-1, UdpSocket().recvBatchNoWait(buffers, 8, 3, sizes, froms));
+
+    const uint8_t one[3] = {1, 1, 1}, two[10] = {2, 2, 2, 2, 2, 2, 2, 2, 2, 2}, three[1] = {3};
+    ASSERT_EQ(3, a.sendTo(rxAddr, const_cast<uint8_t*>(one), sizeof(one)));
+    ASSERT_EQ(10, b.sendTo(rxAddr, const_cast<uint8_t*>(two), sizeof(two)));
+    ASSERT_EQ(1, a.sendTo(rxAddr, const_cast<uint8_t*>(three), sizeof(three)));
+    // Loopback delivers within sendTo: all three are queued now.
+    ASSERT_EQ(2, rx.recvBatchNoWait(buffers, 8, 2, sizes, froms));
+    EXPECT_EQ(3, sizes[0]);
+    EXPECT_EQ(0, memcmp(buffers, one, 3));
+    EXPECT_EQ(aAddr, froms[0]);
+    EXPECT_EQ(8, sizes[1]);  // cut to the capacity
+    EXPECT_EQ(0, memcmp(buffers + 8, two, 8));
+    EXPECT_EQ(bAddr, froms[1]);
+    EXPECT_EQ(-5, sizes[2]);
+    ASSERT_EQ(1, rx.recvBatchNoWait(buffers, 8, 3, sizes, froms));
+    EXPECT_EQ(1, sizes[0]);
+    EXPECT_EQ(3, buffers[0]);
+    EXPECT_EQ(aAddr, froms[0]);
+    EXPECT_EQ(0, rx.recvBatchNoWait(buffers, 8, 3, sizes, froms));
 }

@@ -1,5 +1,6 @@
 // SHA-1 against the FIPS 180 examples, HMAC-SHA1 against RFC 2202, and the
-// agreement of the byte-by-byte and bulk paths.
+// agreement of the byte-by-byte and bulk paths; every case with each
+// compression engine.
 #include "Velto/Sha/sha1.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/sha_engines.h"
 #include "tests/support/wire_bytes.h"
 
 using testsupport::fromHex;
@@ -30,16 +32,20 @@ std::string hmacOf(const std::vector<uint8_t>& key, const std::string& msg) {
 
 std::string bytes(size_t n, uint8_t b) { return std::string(n, static_cast<char>(b)); }
 
+class Sha1Digest : public testsupport::ShaEngineTest {};
+class Sha1Print : public testsupport::ShaEngineTest {};
+class Sha1Hmac : public testsupport::ShaEngineTest {};
+
 }  // namespace
 
-TEST(Sha1Digest, Fips180Examples) {
+TEST_P(Sha1Digest, Fips180Examples) {
     EXPECT_EQ(sha1Of("abc"), "a9993e364706816aba3e25717850c26c9cd0d89d");
     EXPECT_EQ(sha1Of(""), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
     EXPECT_EQ(sha1Of("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
               "84983e441c3bd26ebaae4aa1f95129e5e54670f1");
 }
 
-TEST(Sha1Digest, OneMillionAInUnevenChunks) {
+TEST_P(Sha1Digest, OneMillionAInUnevenChunks) {
     Sha1Class h;
     h.init();
     const std::string chunk(997, 'a');
@@ -55,7 +61,7 @@ TEST(Sha1Digest, OneMillionAInUnevenChunks) {
     EXPECT_EQ(toHex(h.result(), SHA1_HASH_LENGTH), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
 }
 
-TEST(Sha1Digest, ByteAndBulkPathsAgreeAtEveryLength) {
+TEST_P(Sha1Digest, ByteAndBulkPathsAgreeAtEveryLength) {
     std::vector<uint8_t> msg(200);
     for (size_t i = 0; i < msg.size(); ++i) msg[i] = static_cast<uint8_t>(i * 31 + 7);
     for (size_t len = 0; len <= msg.size(); ++len) {
@@ -70,7 +76,7 @@ TEST(Sha1Digest, ByteAndBulkPathsAgreeAtEveryLength) {
     }
 }
 
-TEST(Sha1Digest, InitStartsOver) {
+TEST_P(Sha1Digest, InitStartsOver) {
     Sha1Class h;
     h.init();
     h.write("garbage");
@@ -79,7 +85,7 @@ TEST(Sha1Digest, InitStartsOver) {
     EXPECT_EQ(toHex(h.result(), 20), "a9993e364706816aba3e25717850c26c9cd0d89d");
 }
 
-TEST(Sha1Print, EmptyAndInvalidInputsTakeNothing) {
+TEST_P(Sha1Print, EmptyAndInvalidInputsTakeNothing) {
     Sha1Class h;
     h.init();
     const uint8_t some[3] = {'a', 'b', 'c'};
@@ -91,7 +97,7 @@ TEST(Sha1Print, EmptyAndInvalidInputsTakeNothing) {
     EXPECT_EQ(toHex(h.result(), 20), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
 }
 
-TEST(Sha1Hmac, Rfc2202Vectors) {
+TEST_P(Sha1Hmac, Rfc2202Vectors) {
     EXPECT_EQ(hmacOf(std::vector<uint8_t>(20, 0x0b), "Hi There"), "b617318655057264e28bc0b6fb378c8ef146be00");
     EXPECT_EQ(hmacOf(fromHex("4a656665"), "what do ya want for nothing?"),
               "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79");
@@ -107,7 +113,7 @@ TEST(Sha1Hmac, Rfc2202Vectors) {
               "e8e99d0f45237d786d6bbaa7965c7808bbff1a91");
 }
 
-TEST(Sha1Hmac, LongKeyActsAsItsDigest) {
+TEST_P(Sha1Hmac, LongKeyActsAsItsDigest) {
     std::vector<uint8_t> key(70);
     for (size_t i = 0; i < key.size(); ++i) key[i] = static_cast<uint8_t>(i + 100);
     Sha1Class kh;
@@ -118,7 +124,7 @@ TEST(Sha1Hmac, LongKeyActsAsItsDigest) {
     EXPECT_EQ(hmacOf(key, "payload"), hmacOf(digest, "payload"));
 }
 
-TEST(Sha1Hmac, SixtyFourByteKeyIsUsedAsItIs) {
+TEST_P(Sha1Hmac, SixtyFourByteKeyIsUsedAsItIs) {
     std::vector<uint8_t> key(64, 0x42);
     Sha1Class kh;
     kh.init();
@@ -133,7 +139,7 @@ TEST(Sha1Hmac, SixtyFourByteKeyIsUsedAsItIs) {
     EXPECT_EQ(hmacOf(shortKey, "m"), hmacOf(padded, "m"));
 }
 
-TEST(Sha1Hmac, ResultAreaStartsWithTheDigest) {
+TEST_P(Sha1Hmac, ResultAreaStartsWithTheDigest) {
     Sha1Class h;
     h.initHmac(reinterpret_cast<const uint8_t*>("Jefe"), 4);
     h.write("what do ya want for nothing?");
@@ -142,3 +148,7 @@ TEST(Sha1Hmac, ResultAreaStartsWithTheDigest) {
     h.copyResultArea(area);
     EXPECT_EQ(toHex(area, 20), "effcdf6ae5eb2fa2d27416d5f184df9c259a7c79");
 }
+
+INSTANTIATE_FOR_SHA_ENGINES(Sha1Digest);
+INSTANTIATE_FOR_SHA_ENGINES(Sha1Print);
+INSTANTIATE_FOR_SHA_ENGINES(Sha1Hmac);

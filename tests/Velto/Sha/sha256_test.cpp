@@ -1,5 +1,6 @@
 // SHA-256 against the FIPS 180 examples, HMAC-SHA256 against RFC 4231, and the
-// agreement of the byte-by-byte and bulk paths.
+// agreement of the byte-by-byte and bulk paths; every case with each
+// compression engine.
 #include "Velto/Sha/sha256.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/sha_engines.h"
 #include "tests/support/wire_bytes.h"
 
 using testsupport::fromHex;
@@ -30,16 +32,20 @@ std::string hmacOf(const std::vector<uint8_t>& key, const std::string& msg) {
 
 std::string bytes(size_t n, uint8_t b) { return std::string(n, static_cast<char>(b)); }
 
+class Sha256Digest : public testsupport::ShaEngineTest {};
+class Sha256Print : public testsupport::ShaEngineTest {};
+class Sha256Hmac : public testsupport::ShaEngineTest {};
+
 }  // namespace
 
-TEST(Sha256Digest, Fips180Examples) {
+TEST_P(Sha256Digest, Fips180Examples) {
     EXPECT_EQ(sha256Of("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     EXPECT_EQ(sha256Of(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
     EXPECT_EQ(sha256Of("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
               "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
 }
 
-TEST(Sha256Digest, OneMillionAInUnevenChunks) {
+TEST_P(Sha256Digest, OneMillionAInUnevenChunks) {
     Sha256Class h;
     h.init();
     const std::string chunk(1001, 'a');
@@ -56,7 +62,7 @@ TEST(Sha256Digest, OneMillionAInUnevenChunks) {
               "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
 }
 
-TEST(Sha256Digest, ByteAndBulkPathsAgreeAtEveryLength) {
+TEST_P(Sha256Digest, ByteAndBulkPathsAgreeAtEveryLength) {
     std::vector<uint8_t> msg(200);
     for (size_t i = 0; i < msg.size(); ++i) msg[i] = static_cast<uint8_t>(i * 17 + 3);
     for (size_t len = 0; len <= msg.size(); ++len) {
@@ -71,7 +77,7 @@ TEST(Sha256Digest, ByteAndBulkPathsAgreeAtEveryLength) {
     }
 }
 
-TEST(Sha256Digest, InitStartsOver) {
+TEST_P(Sha256Digest, InitStartsOver) {
     Sha256Class h;
     h.init();
     h.write("garbage");
@@ -80,7 +86,7 @@ TEST(Sha256Digest, InitStartsOver) {
     EXPECT_EQ(toHex(h.result(), 32), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
-TEST(Sha256Print, EmptyAndInvalidInputsTakeNothing) {
+TEST_P(Sha256Print, EmptyAndInvalidInputsTakeNothing) {
     Sha256Class h;
     h.init();
     const uint8_t some[3] = {'a', 'b', 'c'};
@@ -92,7 +98,7 @@ TEST(Sha256Print, EmptyAndInvalidInputsTakeNothing) {
     EXPECT_EQ(toHex(h.result(), 32), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
 }
 
-TEST(Sha256Hmac, Rfc4231Vectors) {
+TEST_P(Sha256Hmac, Rfc4231Vectors) {
     EXPECT_EQ(hmacOf(std::vector<uint8_t>(20, 0x0b), "Hi There"),
               "b0344c61d8db38535ca8afceaf0bf12b881dc200c9833da726e9376c2e32cff7");
     EXPECT_EQ(hmacOf(fromHex("4a656665"), "what do ya want for nothing?"),
@@ -111,7 +117,7 @@ TEST(Sha256Hmac, Rfc4231Vectors) {
               "9b09ffa71b942fcb27635fbcd5b0e944bfdc63644f0713938a7f51535c3a35e2");
 }
 
-TEST(Sha256Hmac, LongKeyActsAsItsDigest) {
+TEST_P(Sha256Hmac, LongKeyActsAsItsDigest) {
     std::vector<uint8_t> key(70);
     for (size_t i = 0; i < key.size(); ++i) key[i] = static_cast<uint8_t>(i * 5 + 1);
     Sha256Class kh;
@@ -122,7 +128,7 @@ TEST(Sha256Hmac, LongKeyActsAsItsDigest) {
     EXPECT_EQ(hmacOf(key, "payload"), hmacOf(digest, "payload"));
 }
 
-TEST(Sha256Hmac, SixtyFourByteKeyIsUsedAsItIs) {
+TEST_P(Sha256Hmac, SixtyFourByteKeyIsUsedAsItIs) {
     std::vector<uint8_t> key(64, 0x42);
     Sha256Class kh;
     kh.init();
@@ -135,3 +141,7 @@ TEST(Sha256Hmac, SixtyFourByteKeyIsUsedAsItIs) {
     padded.resize(64, 0);
     EXPECT_EQ(hmacOf(shortKey, "m"), hmacOf(padded, "m"));
 }
+
+INSTANTIATE_FOR_SHA_ENGINES(Sha256Digest);
+INSTANTIATE_FOR_SHA_ENGINES(Sha256Print);
+INSTANTIATE_FOR_SHA_ENGINES(Sha256Hmac);
