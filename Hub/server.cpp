@@ -393,10 +393,14 @@ void handleConnectedMsgs(const VeltoPacket& header, const uint8_t* data, size_t 
             CALL<PingPongPack>(data, size, sigType, encType, handlePingPong, peer, *client);
             break;
         case MessageCarrierPack::PACK_ID:
+            sock.holdSends();  // the acknowledgement and the pieces sent on go out together
             handleCarrier<MessageCarrierPack>(data, size, sigType, "ERROR ! ", handleMessagePack, peer, *client);
+            sock.releaseSends();
             break;
         case MessageCarrierACKPack::PACK_ID:
+            sock.holdSends();
             handleCarrier<MessageCarrierACKPack>(data, size, sigType, "ERROR !! ", handleMessageACK, peer, *client);
+            sock.releaseSends();
             break;
         case NotificationSubscriptionPack::PACK_ID:
             CALL<NotificationSubscriptionPack>(data, size, sigType, encType, handleNotificationSubscription, peer,
