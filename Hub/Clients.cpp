@@ -367,8 +367,10 @@ bool ClientProxy::startSending(const std::shared_ptr<unsigned char>& msg, uint32
     return false;
 }
 
+// The sender's status is read with the clock only where time decides it
+// (SEND_NOW or DELAYED_SEND while bytes are unsent).
 void ClientProxy::downSendNextSequence() {
-    if (downSender.getStatus() == MsgSender::DONE) {
+    if (downSender.isDone()) {
         downSender.clear();
         downMsgPtr.reset();
     }
@@ -378,16 +380,20 @@ void ClientProxy::downSendNextSequence() {
         startSending(next.msgPtr, next.sz, next.ms);
     }
     // Bounded: each pass consumes a piece, and a sender that produces none stops the loop.
-    MsgSender::SenderStatus status;
-    while ((status = downSender.getStatus()) == MsgSender::SEND_NOW) {
+    bool delayed = false;
+    while (downSender.hasUnsent()) {
+        if (downSender.getStatus() != MsgSender::SEND_NOW) {
+            delayed = true;  // bytes unsent and not SEND_NOW: DELAYED_SEND
+            break;
+        }
         MessageCarrierPack pack;
         if (!downSender.getNextPack(pack)) {
-            status = downSender.getStatus();
+            delayed = downSender.hasUnsent() && downSender.getStatus() == MsgSender::DELAYED_SEND;
             break;
         }
         sendPacketToDevice(pack);
     }
-    if (status == MsgSender::DELAYED_SEND) {
+    if (delayed) {
         nodeStatus.downSendAfter = currentTime() + static_cast<Timestamp>(downSender.getMinDelay());
         requestEvent(EventEntry::DELAYED_SND, nodeStatus.downSendAfter);
     }

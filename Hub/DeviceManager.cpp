@@ -197,8 +197,10 @@ void ClientManager::doFlush(Timestamp) {
     flushSlice();
 }
 
-void ClientManager::continueFlush() {
-    if (flushPending()) flushSlice();
+void ClientManager::continueFlush(bool busy) {
+    if (!flushPending()) return;
+    if (busy && std::chrono::steady_clock::now() - lastSliceEnd < std::chrono::milliseconds(flushBusyGapMs)) return;
+    flushSlice();
 }
 
 void ClientManager::flushAll() {
@@ -222,6 +224,7 @@ void ClientManager::flushSlice() {
         flushQueue.clear();
         flushNext = 0;
     }
+    lastSliceEnd = Clock::now();
 }
 
 // Writes rec unless its file is known to hold it already.

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -109,6 +110,9 @@ public:
     static constexpr uint16_t FIRST_DEVICE_ID = 256;
     // Longest stretch of record writing per flush step, ms.
     static constexpr unsigned FLUSH_SLICE_MS = 5;
+    // While datagrams keep the loop busy, a flush step runs at most once per
+    // this many ms (from the end of the last step): traffic keeps most of the loop.
+    static constexpr unsigned FLUSH_BUSY_GAP_MS = 20;
 
     explicit ClientManager(ClientsDatabase& db);
     // Frees the heap and every party it still holds: newcomers (kept or
@@ -168,14 +172,20 @@ public:
     // True while a flush round has records left to look at.
     bool flushPending() const { return flushNext < flushQueue.size(); }
     // Writes the next records of the round under way, for at most
-    // FLUSH_SLICE_MS; nothing when none is under way.
-    void continueFlush();
+    // FLUSH_SLICE_MS; nothing when none is under way. With busy (the loop
+    // handled a datagram in this pass) nothing either when the last step ended
+    // less than FLUSH_BUSY_GAP_MS ago.
+    void continueFlush(bool busy = false);
     // Writes every device's changed record now, in one go (shutdown); ends any
     // round under way.
     void flushAll();
-    // Sets the longest stretch of writing per flush step, ms (FLUSH_SLICE_MS
-    // unless set); 0 writes one record per step.
-    void setFlushSliceMs(unsigned ms) { flushSliceMs = ms; }
+    // Sets the longest stretch of writing per flush step and the gap between
+    // steps while busy, ms (FLUSH_SLICE_MS and FLUSH_BUSY_GAP_MS unless set); a
+    // slice of 0 writes one record per step.
+    void setFlushPacing(unsigned sliceMs, unsigned busyGapMs) {
+        flushSliceMs = sliceMs;
+        flushBusyGapMs = busyGapMs;
+    }
     // Frees the ClientInfos handed out but not held (see getNewComer) and the
     // proxies replaced by makeDeviceActive; drops newcomers silent for more than
     // 45000 ms; asks (CHECK_RCV_TO, due now) for a probe of every device silent
@@ -223,6 +233,8 @@ private:
     std::vector<uint16_t> flushQueue;
     size_t flushNext = 0;
     unsigned flushSliceMs = FLUSH_SLICE_MS;
+    unsigned flushBusyGapMs = FLUSH_BUSY_GAP_MS;
+    std::chrono::steady_clock::time_point lastSliceEnd;
     // ClientInfos returned to a caller that the newcomer map did not take (it
     // kept the older entry of the address). Callers use them only until their
     // handler returns; the next clean-up pass frees them.

@@ -174,13 +174,15 @@ void reportReceiveError() {
 
 // Flush and clean-up, judged against the pass's own now; each deadline moves
 // forward from a fresh clock reading taken after its work. A flush round
-// writes a few milliseconds' worth of records per pass until it is done.
-void doPeriodicWork(PeriodicDeadlines& d, Timestamp now) {
+// writes a few milliseconds' worth of records per step until it is done: in
+// every pass that found no datagram, and at most every 20 ms while datagrams
+// keep coming (busy).
+void doPeriodicWork(PeriodicDeadlines& d, Timestamp now, bool busy) {
     if (now >= d.nextFlush) {
         clientMgr.doFlush(now);
         d.nextFlush = currentTime() + d.flushEvery;
     } else {
-        clientMgr.continueFlush();
+        clientMgr.continueFlush(busy);
     }
     if (now >= d.nextCleanup) {
         clientMgr.doCleanUp(now);
@@ -346,7 +348,7 @@ void mainThread(UdpSocket& sock) {
         else if (bytes > 0)
             handleDatagram(datagram, static_cast<size_t>(bytes), peer, sock);
 
-        doPeriodicWork(deadlines, now);
+        doPeriodicWork(deadlines, now, bytes > 0);
     }
 }
 
@@ -391,10 +393,14 @@ void handleConnectedMsgs(const VeltoPacket& header, const uint8_t* data, size_t 
             CALL<PingPongPack>(data, size, sigType, encType, handlePingPong, peer, *client);
             break;
         case MessageCarrierPack::PACK_ID:
+            sock.holdSends();  // the acknowledgement and the pieces sent on go out together
             handleCarrier<MessageCarrierPack>(data, size, sigType, "ERROR ! ", handleMessagePack, peer, *client);
+            sock.releaseSends();
             break;
         case MessageCarrierACKPack::PACK_ID:
+            sock.holdSends();
             handleCarrier<MessageCarrierACKPack>(data, size, sigType, "ERROR !! ", handleMessageACK, peer, *client);
+            sock.releaseSends();
             break;
         case NotificationSubscriptionPack::PACK_ID:
             CALL<NotificationSubscriptionPack>(data, size, sigType, encType, handleNotificationSubscription, peer,

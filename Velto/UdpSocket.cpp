@@ -136,11 +136,69 @@ void UdpSocket::close() {
     fd = -1;
 }
 
+struct UdpSocket::HeldSends {
+    uint8_t data[MAX_BATCH][MAX_HELD_SIZE];
+    size_t sizes[MAX_BATCH];
+    sockaddr_in to[MAX_BATCH];
+    size_t count = 0;
+};
+
+UdpSocket::UdpSocket() = default;
+
 int UdpSocket::sendTo(const SockAddress& to, uint8_t* data, size_t size) {
     sockaddr_in sa;
     if (fd < 0 || data == nullptr || !to.getSockAddr(sa)) return -1;
+    if (holding) {
+        if (held->count == MAX_BATCH) sendHeld();
+        if (size <= MAX_HELD_SIZE) {
+            const size_t i = held->count++;
+            memcpy(held->data[i], data, size);
+            held->sizes[i] = size;
+            held->to[i] = sa;
+            return static_cast<int>(size);
+        }
+        sendHeld();  // keeps the order: what is held goes first
+    }
     const ssize_t n = ::sendto(fd, data, size, 0, reinterpret_cast<const sockaddr*>(&sa), sizeof(sa));
     return static_cast<int>(n);
+}
+
+void UdpSocket::holdSends() {
+    if (!held) held.reset(new HeldSends());
+    holding = true;
+}
+
+int UdpSocket::releaseSends() {
+    if (!holding) return 0;
+    const int n = static_cast<int>(held->count);
+    sendHeld();
+    holding = false;
+    return n;
+}
+
+// Sends every held datagram with sendmmsg; one the platform refuses is dropped
+// (as a failed sendto would be) and the rest go on. Bounded: each round moves
+// past at least one datagram.
+void UdpSocket::sendHeld() {
+    mmsghdr msgs[MAX_BATCH];
+    iovec iov[MAX_BATCH];
+    const size_t count = held->count;
+    held->count = 0;
+    if (count == 0 || fd < 0) return;
+    memset(msgs, 0, sizeof(mmsghdr) * count);
+    for (size_t i = 0; i < count; ++i) {
+        iov[i].iov_base = held->data[i];
+        iov[i].iov_len = held->sizes[i];
+        msgs[i].msg_hdr.msg_iov = &iov[i];
+        msgs[i].msg_hdr.msg_iovlen = 1;
+        msgs[i].msg_hdr.msg_name = &held->to[i];
+        msgs[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    }
+    size_t done = 0;
+    while (done < count) {
+        const int r = ::sendmmsg(fd, msgs + done, static_cast<unsigned>(count - done), 0);
+        done += r > 0 ? static_cast<size_t>(r) : 1;
+    }
 }
 
 namespace {

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 
 class SockAddress {
 public:
@@ -61,7 +62,7 @@ std::istream& operator>>(std::istream& is, SockAddress& a);
 
 class UdpSocket {
 public:
-    UdpSocket() = default;
+    UdpSocket();
     ~UdpSocket();
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
@@ -101,6 +102,22 @@ public:
     static constexpr size_t MAX_BATCH = 32;
     int recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms);
 
+    // From holdSends() to releaseSends(), sendTo() keeps copies of the
+    // datagrams (up to MAX_BATCH of at most MAX_HELD_SIZE bytes) and returns
+    // their size; releaseSends() sends them in their order with one system
+    // call. A datagram that does not fit is sent at once, after the ones held.
+    // Returns nothing.
+    static constexpr size_t MAX_HELD_SIZE = 512;
+    void holdSends();
+    // Sends what is held and ends holding; returns how many datagrams were
+    // still held (0 when not holding).
+    int releaseSends();
+
 private:
+    struct HeldSends;
+    void sendHeld();
+
     int fd = -1;
+    bool holding = false;
+    std::unique_ptr<HeldSends> held;  // made at the first hold
 };

@@ -131,6 +131,10 @@ public:
     const MsgSelector& getMsgInfo() const { return inf; }
     // The loaded message's size (0 when empty).
     uint32_t capacity() const { return sequencer.capacity(); }
+    // Clock-free parts of getStatus(): true exactly when it would say DONE, and
+    // when it would say SEND_NOW or DELAYED_SEND (bytes not yet sent).
+    bool isDone() const { return !sequencer.empty() && sequencer.done(); }
+    bool hasUnsent() const { return !sequencer.empty() && sequencer.left() > 0; }
 
 private:
     // 1 when an acknowledgement for ms applies, 0 when ms addresses another

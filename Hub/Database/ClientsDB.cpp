@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <limits>
 #include <sstream>
 #include <vector>
 
@@ -153,18 +154,67 @@ bool parseSmallNumberKey(const std::string& key, const std::string& value, Clien
     return true;
 }
 
+// True, with the value, when text[0, n) is nothing but decimal digits that fit
+// in T: then a stream would read exactly that value (and nothing else can be
+// in the way). False for anything else, which is left to the stream.
+template <typename T>
+bool plainDecimal(const char* text, size_t n, T& out) {
+    if (n == 0 || n > 20) return false;
+    uint64_t v = 0;
+    for (size_t i = 0; i < n; ++i) {
+        if (text[i] < '0' || text[i] > '9') return false;
+        const unsigned digit = static_cast<unsigned>(text[i] - '0');
+        if (v > (static_cast<uint64_t>(std::numeric_limits<T>::max()) - digit) / 10) return false;
+        v = v * 10 + digit;
+    }
+    out = static_cast<T>(v);
+    return true;
+}
+
+// A time read as the stream would: plain digits directly (the common case),
+// anything else through the stream.
+void readTime(const std::string& value, Timestamp& field) {
+    if (plainDecimal(value.data(), value.size(), field)) return;
+    std::istringstream in(value);
+    in >> field;
+}
+
+// "N M" of plain digits directly, anything else through the stream.
+void readSequences(const std::string& value, ClientDBRec& rec) {
+    const size_t blank = value.find(' ');
+    uint32_t to = 0, from = 0;
+    if (blank != std::string::npos && plainDecimal(value.data(), blank, to) &&
+        plainDecimal(value.data() + blank + 1, value.size() - blank - 1, from)) {
+        rec.toDeviceSequence = to;
+        rec.fromDeviceSequence = from;
+        return;
+    }
+    std::istringstream in(value);
+    in >> rec.toDeviceSequence >> rec.fromDeviceSequence;
+}
+
 // Stream conversions: a failed conversion still counts as the key's match and
 // leaves in the field whatever the stream put there.
 bool parseStreamKey(const std::string& key, const std::string& value, ClientDBRec& rec) {
-    std::istringstream in(value);
-    if (key == "FIRST_ADDR") in >> rec.firstAddress;
-    else if (key == "LAST_ADDR") in >> rec.lastAddress;
-    else if (key == "FIRST_TIME") in >> rec.firstConnect;
-    else if (key == "LAST_TIME") in >> rec.lastConnect;
-    else if (key == "KEY_TIME") in >> rec.keyTime;
-    else if (key == "SEQUENCES") in >> rec.toDeviceSequence >> rec.fromDeviceSequence;
+    if (key == "FIRST_TIME") readTime(value, rec.firstConnect);
+    else if (key == "LAST_TIME") readTime(value, rec.lastConnect);
+    else if (key == "KEY_TIME") readTime(value, rec.keyTime);
+    else if (key == "SEQUENCES") readSequences(value, rec);
+    else if (key == "FIRST_ADDR") { std::istringstream in(value); in >> rec.firstAddress; }
+    else if (key == "LAST_ADDR") { std::istringstream in(value); in >> rec.lastAddress; }
     else return false;
     return true;
+}
+
+// The first blank-delimited word of text[0, end), as `istream >> string` reads
+// it in the classic locale.
+std::string firstWord(const std::string& text, size_t end) {
+    auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; };
+    size_t b = 0;
+    while (b < end && blank(text[b])) ++b;
+    size_t e = b;
+    while (e < end && !blank(text[e])) ++e;
+    return text.substr(b, e - b);
 }
 
 }  // namespace
@@ -218,8 +268,7 @@ bool parseRecordLine(const std::string& line, ClientDBRec& rec) {
     if (line.size() < 3) return false;
     const size_t eq = line.find('=');
     if (eq == std::string::npos) return false;
-    std::string key;
-    std::istringstream(line.substr(0, eq)) >> key;
+    const std::string key = firstWord(line, eq);
     const std::string value = line.substr(eq + 1);
     if (key.empty() || value.empty()) return false;
     return parseStringKey(key, value, rec) || parseKeyKey(key, value, rec) ||

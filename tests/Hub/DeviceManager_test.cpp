@@ -348,7 +348,7 @@ TEST_F(ManagerTest, FlushWritesTheCurrentRecordAndRetriesAFailedWrite) {
 }
 
 TEST_F(ManagerTest, FlushGoesOnStepByStepWithEachRecordAsItIsWhenWritten) {
-    mgr.setFlushSliceMs(0);  // one record per step
+    mgr.setFlushPacing(0, 0);  // one record per step
     ClientProxy* a = device("a", 40001);
     ClientProxy* b = device("b", 40002);
     ClientProxy* c = device("c", 40003);
@@ -384,6 +384,25 @@ TEST_F(ManagerTest, FlushGoesOnStepByStepWithEachRecordAsItIsWhenWritten) {
     mgr.continueFlush();
     EXPECT_FALSE(mgr.flushPending());
     EXPECT_NE(std::string::npos, recordText("c").find("SEQUENCES=3 0\n"));
+}
+
+TEST_F(ManagerTest, WhileBusyAFlushStepWaitsForItsGap) {
+    mgr.setFlushPacing(0, 60000);  // one record per step; busy steps a minute apart
+    ClientProxy* a = device("a", 40001);
+    ClientProxy* b = device("b", 40002);
+    ClientProxy* c = device("c", 40003);
+    for (ClientProxy* p : {a, b, c}) p->record().toDeviceSequence = 5;
+    mgr.doFlush(0);  // a
+    mgr.continueFlush(true);  // busy, right after a step: nothing
+    EXPECT_EQ(std::string::npos, recordText("b").find("SEQUENCES=5 0\n"));
+    mgr.continueFlush(false);  // idle: b
+    EXPECT_NE(std::string::npos, recordText("b").find("SEQUENCES=5 0\n"));
+    mgr.continueFlush(true);
+    EXPECT_TRUE(mgr.flushPending());
+    mgr.setFlushPacing(0, 0);  // the gap has passed
+    mgr.continueFlush(true);  // c
+    EXPECT_FALSE(mgr.flushPending());
+    EXPECT_NE(std::string::npos, recordText("c").find("SEQUENCES=5 0\n"));
 }
 
 TEST_F(ManagerTest, FlushSkipsARecordWhoseFileAlreadyHoldsIt) {

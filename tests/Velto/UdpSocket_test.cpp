@@ -218,3 +218,41 @@ TEST(UdpSocketTest, BatchReceiveKeepsOrderSizesAndSenders) {
     EXPECT_EQ(aAddr, froms[0]);
     EXPECT_EQ(0, rx.recvBatchNoWait(buffers, 8, 3, sizes, froms));
 }
+
+TEST(UdpSocketTest, HeldSendsGoOutTogetherInTheirOrder) {
+    UdpSocket rx, tx;
+    const SockAddress rxAddr = bindLoopback(rx);
+    bindLoopback(tx);
+    EXPECT_EQ(0, tx.releaseSends());  // nothing held: nothing to do
+    tx.holdSends();
+    uint8_t msg[3] = {1, 2, 3};
+    for (uint8_t i = 0; i < 3; ++i) {
+        msg[0] = i;
+        EXPECT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    }
+    uint8_t buf[600];
+    EXPECT_EQ(0, rx.recvNoWait(buf, sizeof(buf), nullptr)) << "held datagrams went out early";
+    EXPECT_EQ(-1, tx.sendTo(rxAddr, nullptr, 3));
+    std::vector<uint8_t> big(UdpSocket::MAX_HELD_SIZE + 1, 9);  // too big to hold: the held ones go first
+    EXPECT_EQ(static_cast<int>(big.size()), tx.sendTo(rxAddr, big.data(), big.size()));
+    msg[0] = 7;
+    EXPECT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(1, tx.releaseSends());
+    for (uint8_t i = 0; i < 3; ++i) {
+        ASSERT_EQ(3, rx.recvWithTo(buf, sizeof(buf), nullptr, 2000));
+        EXPECT_EQ(i, buf[0]);
+    }
+    ASSERT_EQ(static_cast<int>(big.size()), rx.recvWithTo(buf, sizeof(buf), nullptr, 2000));
+    ASSERT_EQ(3, rx.recvWithTo(buf, sizeof(buf), nullptr, 2000));
+    EXPECT_EQ(7, buf[0]);
+
+    // After the release sends go straight out again; a full hold is sent to make room.
+    EXPECT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(3, rx.recvWithTo(buf, sizeof(buf), nullptr, 2000));
+    tx.holdSends();
+    for (size_t i = 0; i <= UdpSocket::MAX_BATCH; ++i) EXPECT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(1, tx.releaseSends());
+    int got = 0;
+    while (got < 100 && rx.recvNoWait(buf, sizeof(buf), nullptr) == 3) ++got;
+    EXPECT_EQ(static_cast<int>(UdpSocket::MAX_BATCH) + 1, got);
+}

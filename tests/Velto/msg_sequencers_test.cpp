@@ -213,6 +213,35 @@ TEST_F(MsgSequencersTest, AckDrivesResendAndCompletion) {
     EXPECT_FALSE(s.getNextPack(none));
 }
 
+// The clock-free predicates agree with getStatus() through a message's life.
+TEST_F(MsgSequencersTest, DoneAndUnsentAgreeWithStatus) {
+    auto agree = [](const MsgSender& s) {
+        const MsgSender::SenderStatus st = s.getStatus();
+        EXPECT_EQ(st == MsgSender::DONE, s.isDone()) << st;
+        EXPECT_EQ(st == MsgSender::SEND_NOW || st == MsgSender::DELAYED_SEND, s.hasUnsent()) << st;
+    };
+    std::vector<uint8_t> msg = pattern(700);
+    MsgSender s;
+    agree(s);  // EMPTY
+    ASSERT_TRUE(s.setNewMessage(msg.data(), 700, directSelector()));
+    agree(s);  // SEND_NOW
+    MessageCarrierPack p;
+    ASSERT_TRUE(s.getNextPack(p));
+    agree(s);  // still bytes to send
+    drain(s);
+    agree(s);  // WAITING_FOR_ACK
+    setClockOffsetForTesting(1000);
+    agree(s);  // TIMEOUT
+    setClockOffsetForTesting(0);
+    EXPECT_TRUE(s.processAck(326, directSelector()));
+    agree(s);  // SEND_NOW again
+    drain(s);
+    EXPECT_TRUE(s.processAck(700, directSelector()));
+    agree(s);  // DONE
+    s.clear();
+    agree(s);  // EMPTY
+}
+
 TEST_F(MsgSequencersTest, ProcessAckDiagnostics) {
     std::vector<uint8_t> msg = pattern(20);
     MsgSender s;

@@ -137,6 +137,36 @@ TEST(ClientsDBTest, ParseLineEdgeCases) {
     EXPECT_EQ("007f|*255", os.str());
 }
 
+// Times and sequence counters are read without a stream when they are plain
+// digits; every value must come out as the stream reads it.
+TEST(ClientsDBTest, NumbersReadAsTheStreamReadsThem) {
+    const char* times[] = {"0", "0042", "1763730000000", "18446744073709551615", "18446744073709551616",
+                           " 12", "12x", "-1", "+7", "abc", "12\r", "99999999999999999999999"};
+    for (const char* t : times) {
+        ClientDBRec r;
+        r.keyTime = 777;
+        ASSERT_TRUE(parseRecordLine(std::string("KEY_TIME=") + t, r)) << t;
+        Timestamp expected = 777;
+        std::istringstream(t) >> expected;
+        EXPECT_EQ(expected, r.keyTime) << t;
+    }
+    const char* sequences[] = {"12 7", "5", "5 ", "5  7", "5 x", "x 5", "4294967295 0", "4294967296 1", " 3 4",
+                               "3 4 5", "007 008", "1\t2"};
+    for (const char* q : sequences) {
+        ClientDBRec r;
+        r.toDeviceSequence = 11;
+        r.fromDeviceSequence = 22;
+        ASSERT_TRUE(parseRecordLine(std::string("SEQUENCES=") + q, r)) << q;
+        uint32_t to = 11, from = 22;
+        std::istringstream(q) >> to >> from;
+        EXPECT_EQ(to, r.toDeviceSequence) << q;
+        EXPECT_EQ(from, r.fromDeviceSequence) << q;
+    }
+    ClientDBRec r;
+    EXPECT_TRUE(parseRecordLine("\t KEY_TIME\v=5", r));  // blanks around the key
+    EXPECT_EQ(5u, r.keyTime);
+}
+
 TEST(ClientsDBTest, StartupCacheAndIdNumbering) {
     TempDir dir;
     writeFile(dir.file("a.dev"), "DUID=a\nID=1005\n");
