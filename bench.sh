@@ -7,8 +7,10 @@
 #   ./bench.sh --quick   short smoke version (about 30 s once built); no timing
 #                        is asserted, exit status 0 when everything ran
 #
-# Prints the result tables and writes bench/results/latest.md, latest.csv and
-# latest.png. Needs root (for the namespace and apt-get).
+# Prints the result tables and writes latest.md, latest.csv and latest.png to
+# bench/results/ (the quick run to build-bench/quick-results/, so that a smoke
+# run leaves the committed figures alone). Needs root (for the namespace and
+# apt-get).
 set -euo pipefail
 cd "$(dirname "$0")"
 . scripts/deps.sh
@@ -19,6 +21,11 @@ cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVELTO_BUILD_TESTS=OFF -DV
 cmake --build build-bench -j2 --target velto-bench
 
 mode=()
-[ "${1:-}" = "--quick" ] && mode=(--quick)
+out="$PWD/bench/results"
+if [ "${1:-}" = "--quick" ]; then
+    mode=(--quick)
+    out="$PWD/build-bench/quick-results"
+fi
+mkdir -p "$out"
 exec tests/netns.sh "$PWD/build-bench/velto-bench" --bin-dir "$PWD/build-bench" \
-    --out "$PWD/bench/results" ${mode[@]+"${mode[@]}"}
+    --out "$out" ${mode[@]+"${mode[@]}"}

@@ -95,6 +95,11 @@ uint32_t millisecondsUntil(Timestamp deadline, Timestamp now) {
 // mostly comes back within this; the log write then waits for a real pause
 // (or a full buffer) instead of delaying that datagram.
 constexpr uint32_t OUTPUT_GRACE_US = 100;
+// The same look ahead made inside the receive call (one system call instead of
+// a wait and a receive when the datagram comes), which the kernel rounds up to
+// a clock tick: used only while no timed work is due within TICK_BOUND_MS.
+constexpr uint32_t BLOCKING_GRACE_US = 1000;
+constexpr uint32_t TICK_BOUND_MS = 12;
 
 // Datagrams taken from the socket together, handed to the loop one per pass
 // in arrival order: while traffic queues up, one system call serves several
@@ -108,9 +113,12 @@ public:
     size_t lastCount() const { return count; }
     // Takes what the socket has queued (at most CAPACITY) without waiting:
     // how many, 0 for none, -1 on error.
-    int refill(UdpSocket& sock) {
+    int refill(UdpSocket& sock) { return refillWaiting(sock, 0); }
+    // The same, waiting up to about maxWaitUs for the first one (see
+    // UdpSocket::recvBatchWait).
+    int refillWaiting(UdpSocket& sock, uint32_t maxWaitUs) {
         next = count = 0;
-        const int n = sock.recvBatchNoWait(&data[0][0], RECV_BUFFER_SIZE, CAPACITY, sizes, peers);
+        const int n = sock.recvBatchWait(&data[0][0], RECV_BUFFER_SIZE, CAPACITY, sizes, peers, maxWaitUs);
         if (n > 0) count = static_cast<size_t>(n);
         return n;
     }
@@ -136,6 +144,13 @@ int waitAndRefill(UdpSocket& sock, ReceivedDatagrams& in, uint64_t micros) {
     return w <= 0 ? w : in.refill(sock);
 }
 
+// The short look ahead before the output is written: inside the receive call
+// when the wait may run a clock tick long, else a precise wait and a receive.
+int refillWithinGrace(UdpSocket& sock, ReceivedDatagrams& in, uint32_t waitMs) {
+    if (waitMs > TICK_BOUND_MS) return in.refillWaiting(sock, BLOCKING_GRACE_US);
+    return waitAndRefill(sock, in, OUTPUT_GRACE_US);
+}
+
 // One datagram: the next one already taken from the socket, else whatever the
 // socket has queued, else whatever comes within a short look ahead; only when
 // nothing comes is the output flushed and the bounded wait made. When the last
@@ -150,10 +165,10 @@ int receiveDatagram(UdpSocket& sock, ReceivedDatagrams& in, const uint8_t*& data
         const bool mayWait = waitMs > 0 && !stopRequested;
         int r = 0;
         if (mayWait && in.lastCount() <= 1) {
-            r = waitAndRefill(sock, in, OUTPUT_GRACE_US);
+            r = refillWithinGrace(sock, in, waitMs);
         } else {
             r = in.refill(sock);
-            if (r == 0 && mayWait) r = waitAndRefill(sock, in, OUTPUT_GRACE_US);
+            if (r == 0 && mayWait) r = refillWithinGrace(sock, in, waitMs);
         }
         if (r == 0) {
             flushOutput();

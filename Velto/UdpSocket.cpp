@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -134,6 +135,7 @@ bool UdpSocket::joinMCastGroup(const SockAddress& group) {
 void UdpSocket::close() {
     if (fd >= 0) ::close(fd);
     fd = -1;
+    receiveTimeoutUs = 0;
 }
 
 struct UdpSocket::HeldSends {
@@ -245,6 +247,27 @@ int UdpSocket::recvNoWait(uint8_t* buffer, size_t capacity, SockAddress* from) {
 }
 
 int UdpSocket::recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms) {
+    return recvBatch(buffers, capacity, count, sizes, froms, MSG_DONTWAIT);
+}
+
+int UdpSocket::recvBatchWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms,
+                             uint32_t maxWaitUs) {
+    if (fd < 0) return -1;
+    if (maxWaitUs == 0) return recvBatchNoWait(buffers, capacity, count, sizes, froms);
+    if (maxWaitUs != receiveTimeoutUs) {
+        timeval tv;
+        tv.tv_sec = static_cast<time_t>(maxWaitUs / 1000000u);
+        tv.tv_usec = static_cast<suseconds_t>(maxWaitUs % 1000000u);
+        if (::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0) return -1;
+        receiveTimeoutUs = maxWaitUs;
+    }
+    return recvBatch(buffers, capacity, count, sizes, froms, MSG_WAITFORONE);
+}
+
+// recvmmsg into count buffers of capacity bytes each; EAGAIN (nothing queued,
+// or the receive time-out passed) counts as 0 datagrams.
+int UdpSocket::recvBatch(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms,
+                         int flags) {
     if (fd < 0 || buffers == nullptr || sizes == nullptr || froms == nullptr) return -1;
     if (count > MAX_BATCH) count = MAX_BATCH;
     if (count == 0) return 0;
@@ -261,7 +284,7 @@ int UdpSocket::recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, 
         msgs[i].msg_hdr.msg_name = &addrs[i];
         msgs[i].msg_hdr.msg_namelen = sizeof(addrs[i]);
     }
-    const int n = ::recvmmsg(fd, msgs, static_cast<unsigned>(count), MSG_DONTWAIT, nullptr);
+    const int n = ::recvmmsg(fd, msgs, static_cast<unsigned>(count), flags, nullptr);
     if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
     for (int i = 0; i < n; ++i) {
         sizes[i] = static_cast<int>(msgs[i].msg_len);

@@ -101,6 +101,15 @@ public:
     // an argument is null or on error.
     static constexpr size_t MAX_BATCH = 32;
     int recvBatchNoWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms);
+    // The same, but waiting for the first datagram in the receive call itself
+    // (no separate wait: one system call when one comes), at most about
+    // maxWaitUs: the socket's receive time-out, which the kernel rounds up to
+    // its clock tick (1 to 10 ms), so use it for short grace waits where
+    // waking a tick late does no harm. The time-out stays set on the socket (a
+    // plain recv() then waits at most that long too). Returns 0 when none came in time (and
+    // for maxWaitUs 0, which does not wait), -1 on error or on a signal.
+    int recvBatchWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms,
+                      uint32_t maxWaitUs);
 
     // From holdSends() to releaseSends(), sendTo() keeps copies of the
     // datagrams (up to MAX_BATCH of at most MAX_HELD_SIZE bytes) and returns
@@ -116,8 +125,10 @@ public:
 private:
     struct HeldSends;
     void sendHeld();
+    int recvBatch(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms, int flags);
 
     int fd = -1;
+    uint32_t receiveTimeoutUs = 0;  // SO_RCVTIMEO as last set; 0: none (blocks)
     bool holding = false;
     std::unique_ptr<HeldSends> held;  // made at the first hold
 };

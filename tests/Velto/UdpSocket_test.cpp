@@ -5,9 +5,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -217,6 +219,39 @@ TEST(UdpSocketTest, BatchReceiveKeepsOrderSizesAndSenders) {
     EXPECT_EQ(3, buffers[0]);
     EXPECT_EQ(aAddr, froms[0]);
     EXPECT_EQ(0, rx.recvBatchNoWait(buffers, 8, 3, sizes, froms));
+}
+
+// The waiting batch receive: a time-out gives 0 after roughly the asked time
+// (rounded up to a clock tick, never more than a few), a queued datagram comes
+// at once, and one sent during the wait ends it.
+TEST(UdpSocketTest, WaitingBatchReceive) {
+    UdpSocket rx, tx;
+    const SockAddress rxAddr = bindLoopback(rx);
+    bindLoopback(tx, "127.0.0.2");
+    uint8_t buffers[4 * 8];
+    int sizes[4];
+    SockAddress froms[4];
+    using Clock = std::chrono::steady_clock;
+    const auto t0 = Clock::now();
+    EXPECT_EQ(0, rx.recvBatchWait(buffers, 8, 4, sizes, froms, 1000));
+    const auto waited = Clock::now() - t0;
+    EXPECT_GE(waited, std::chrono::microseconds(500));
+    EXPECT_LT(waited, std::chrono::milliseconds(500));
+    EXPECT_EQ(0, rx.recvBatchWait(buffers, 8, 4, sizes, froms, 0));  // 0: no wait at all
+
+    uint8_t msg[2] = {4, 5};
+    ASSERT_EQ(2, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    ASSERT_EQ(2, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(2, rx.recvBatchWait(buffers, 8, 4, sizes, froms, 1000000));  // both, at once
+    EXPECT_EQ(2, sizes[1]);
+
+    std::thread late([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        tx.sendTo(rxAddr, msg, sizeof(msg));
+    });
+    EXPECT_EQ(1, rx.recvBatchWait(buffers, 8, 4, sizes, froms, 5000000));
+    late.join();
+    EXPECT_EQ(-1, UdpSocket().recvBatchWait(buffers, 8, 4, sizes, froms, 1000));
 }
 
 TEST(UdpSocketTest, HeldSendsGoOutTogetherInTheirOrder) {
