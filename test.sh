@@ -25,7 +25,7 @@ cmake --build build-san -j2
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DVELTO_FUZZ=ON -DVELTO_BUILD_TESTS=OFF
-cmake --build build-fuzz -j2 --target fuzz_record fuzz_xml fuzz_packs fuzz_datagram
+cmake --build build-fuzz -j2 --target fuzz_record fuzz_xml fuzz_packs fuzz_index fuzz_datagram
 fuzz/run.sh -t 30
 
 # The benchmarks' 30-second smoke run: every system starts, is driven and

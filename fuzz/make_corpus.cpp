@@ -1,14 +1,15 @@
 // Writes the seed corpora of the fuzz harnesses: real packets of every pack
 // type (unsigned and signed), carrier streams of a message in pieces, the
 // device-management message bodies, sample client record files, sample
-// specification and interface documents, and datagram sequences for the hub's
+// specification and interface documents, document indexes and rules files,
+// and datagram sequences for the hub's
 // dispatch (joins, configuration, pings, messages, acknowledgements,
 // subscriptions, a device-list request) from the two devices fuzz_datagram
 // has joined.
 //
 // Usage: make_corpus <corpus dir>; writes <dir>/fuzz_packs, <dir>/fuzz_record,
-// <dir>/fuzz_xml and <dir>/fuzz_datagram (which must exist). Returns 0 when
-// every file was written.
+// <dir>/fuzz_xml, <dir>/fuzz_datagram and <dir>/fuzz_index (which must exist).
+// Returns 0 when every file was written.
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -634,6 +635,27 @@ void writeOddities(const std::string& dir) {
     seq.write(dir + "/oddities");
 }
 
+// Document indexes as the hub writes them, one with odd lines, and rules files.
+void writeIndexSeeds(const std::string& dir) {
+    writeText(dir + "/specs.idx",
+              "acme.example/Velto/specs/Lamp.1 000000001\n"
+              "acme.example/Velto/specs/Switch.2 000000002\n");
+    writeText(dir + "/odd.idx",
+              "lonely\n"
+              "  spaced\tid   000000007 trailing words\n"
+              "big 18446744073709551616\n"
+              "neg -5\n"
+              "acme.example/Velto/specs/Lamp.1 000000009\r\n"
+              "last 12");
+    writeText(dir + "/rules.txt",
+              "D 2 lampdev switchdev\n"
+              "N 3 switchdev lampdev\n"
+              "X 1 lampdev lampdev\n"
+              "D 4 lampdev switchdev\n"
+              "D 1 ab switchdev\n"
+              "N 1 nobody lampdev\n");
+}
+
 void writeDatagramSeeds(const std::string& dir) {
     writeNewDevice(dir);
     writeConfiguration(dir);
@@ -659,5 +681,6 @@ int main(int argc, char** argv) {
     writeRecords(root + "/fuzz_record");
     writeDocuments(root + "/fuzz_xml");
     writeDatagramSeeds(root + "/fuzz_datagram");
+    writeIndexSeeds(root + "/fuzz_index");
     return failed ? 1 : 0;
 }

@@ -9,6 +9,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-fuzz}
 cmake --build "$build" -j2 --target make_corpus
-mkdir -p fuzz/corpus/fuzz_packs fuzz/corpus/fuzz_record fuzz/corpus/fuzz_xml fuzz/corpus/fuzz_datagram
+mkdir -p fuzz/corpus/fuzz_packs fuzz/corpus/fuzz_record fuzz/corpus/fuzz_xml fuzz/corpus/fuzz_datagram fuzz/corpus/fuzz_index
 "$build/fuzz/make_corpus" fuzz/corpus
 ls -l fuzz/corpus/*

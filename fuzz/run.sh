@@ -10,7 +10,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-HARNESSES="fuzz_record fuzz_xml fuzz_packs fuzz_datagram"
+HARNESSES="fuzz_record fuzz_xml fuzz_packs fuzz_index fuzz_datagram"
 seconds=30
 build=build-fuzz
 while getopts "t:b:" opt; do
@@ -32,6 +32,7 @@ options_for() {
     case $1 in
         fuzz_xml) echo "-max_len=12000 -dict=fuzz/dict/fuzz_xml.dict" ;;
         fuzz_record) echo "-max_len=4096 -dict=fuzz/dict/fuzz_record.dict" ;;
+        fuzz_index) echo "-max_len=1024" ;;
         fuzz_datagram) echo "-max_len=4096 -detect_leaks=0" ;;
         *) echo "-max_len=4096" ;;
     esac
