@@ -57,7 +57,7 @@ std::vector<std::string> splitDomains(const std::string& value) {
 }  // namespace
 
 InterfaceFileParser::InterfaceFileParser(std::string lang1, std::string lang2)
-    : lang1(std::move(lang1)), lang2(std::move(lang2)) {}
+    : langTexts(std::move(lang1), std::move(lang2)) {}
 
 void InterfaceFileParser::startElement(const std::string& /*name*/, const AttrMap& attrs) {
     const std::string p = currentPath();
@@ -154,7 +154,7 @@ void InterfaceFileParser::handleMethod(const AttrMap& attrs) {
     method.input = valueForKey(attrs, "input", "");
     method.output = valueForKey(attrs, "output", "");
     specData.methods.push_back(std::move(method));
-    cdataStrings.clear();
+    langTexts.clear();
 }
 
 void InterfaceFileParser::handleMetaAlert(const AttrMap& attrs) {
@@ -170,19 +170,10 @@ void InterfaceFileParser::handleMetaAlertCondition(const std::string& text) {
 }
 
 void InterfaceFileParser::handleMetaAlertText(const std::string& text) {
-    cdataStrings[valueForKey(lastAttrs(), "lang", "")] = text;
+    langTexts.add(lastAttrs(), text);
 }
 
 void InterfaceFileParser::handleMetaAlertEnd() {
-    if (!specData.alerts.empty()) specData.alerts.back().text = bestCDataString();
-    cdataStrings.clear();
-}
-
-std::string InterfaceFileParser::bestCDataString() const {
-    if (cdataStrings.empty()) return std::string();
-    auto it = cdataStrings.find(lang1);
-    if (it != cdataStrings.end()) return it->second;
-    it = cdataStrings.find(lang2);
-    if (it != cdataStrings.end()) return it->second;
-    return cdataStrings.begin()->second;
+    if (!specData.alerts.empty()) specData.alerts.back().text = langTexts.best();
+    langTexts.clear();
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Velto/Parsing/ExpatWrapper.h"
+#include "Velto/Parsing/LanguageChoice.h"
 
 struct MessageFieldInfo {
     std::string name;
@@ -86,12 +87,8 @@ private:
     void handleMetaAlertCondition(const std::string& text);
     void handleMetaAlertText(const std::string& text);
     void handleMetaAlertEnd();
-    // The text under lang1, else lang2, else the smallest key; "" when none.
-    std::string bestCDataString() const;
 
-    std::string lang1;
-    std::string lang2;
-    std::map<std::string, std::string> cdataStrings;  // language code -> text
+    LanguageChoice langTexts;  // the texts of the element in progress, by language
     InterfaceInformations specData;
     std::vector<MessageFieldInfo> curentFields;  // fields of the message or struct in progress
 };

@@ -40,12 +40,12 @@ void populateAlgorithm(const std::map<std::string, std::string>& attrs, Algorith
 }
 
 SpecFileParser::SpecFileParser(std::string lang1, std::string lang2)
-    : lang1(std::move(lang1)), lang2(std::move(lang2)) {}
+    : langTexts(std::move(lang1), std::move(lang2)) {}
 
 void SpecFileParser::startElement(const std::string& /*name*/, const AttrMap& attrs) {
     const std::string p = currentPath();
     if (p == ROOT_INFO) {
-        cdataStrings.clear();
+        langTexts.clear();
     } else if (p == INFO_SIGNATURE) {
         handleSignatureElem(valueForKey(attrs, "capable", "Yes"), valueForKey(attrs, "required", "No"));
     } else if (p == INFO_ENCRYPTION) {
@@ -91,7 +91,7 @@ void SpecFileParser::cdataHandler(const char* text, size_t length) {
 void SpecFileParser::handleSpecs(const std::string& text) { specData.specs = text; }
 
 void SpecFileParser::handleDescription(const std::string& text) {
-    cdataStrings[valueForKey(lastAttrs(), "lang", "")] = text;
+    langTexts.add(lastAttrs(), text);
 }
 
 void SpecFileParser::handleSignatureElem(const std::string& capable, const std::string& required) {
@@ -130,7 +130,7 @@ void SpecFileParser::handleClient(const AttrMap& attrs) {
     client.level = static_cast<unsigned char>(atoi(valueForKey(attrs, "level", "1").c_str()));
     client.required = isTrueText(valueForKey(attrs, "required", ""));
     if (!client.interface.empty() && client.level <= 3) specData.clientFor.push_back(client);
-    cdataStrings.clear();
+    langTexts.clear();
 }
 
 void SpecFileParser::handleParams(const AttrMap& attrs, std::map<std::string, std::string>& target) {
@@ -139,28 +139,19 @@ void SpecFileParser::handleParams(const AttrMap& attrs, std::map<std::string, st
 }
 
 void SpecFileParser::handleReasonForClient(const std::string& text) {
-    cdataStrings[valueForKey(lastAttrs(), "lang", "")] = text;
+    langTexts.add(lastAttrs(), text);
 }
 
 void SpecFileParser::handleInfoEnd() {
-    if (specData.description.empty()) specData.description = bestCDataString();
-    cdataStrings.clear();
+    if (specData.description.empty()) specData.description = langTexts.best();
+    langTexts.clear();
 }
 
 void SpecFileParser::handleClientEnd() {
     // Kept: the reason of a dropped client lands on the previous entry when
     // that one has no reason yet.
     if (!specData.clientFor.empty() && specData.clientFor.back().reason.empty()) {
-        specData.clientFor.back().reason = bestCDataString();
+        specData.clientFor.back().reason = langTexts.best();
     }
-    cdataStrings.clear();
-}
-
-std::string SpecFileParser::bestCDataString() const {
-    if (cdataStrings.empty()) return std::string();
-    auto it = cdataStrings.find(lang1);
-    if (it != cdataStrings.end()) return it->second;
-    it = cdataStrings.find(lang2);
-    if (it != cdataStrings.end()) return it->second;
-    return cdataStrings.begin()->second;
+    langTexts.clear();
 }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Velto/Parsing/ExpatWrapper.h"
+#include "Velto/Parsing/LanguageChoice.h"
 
 struct AlgorithmInfo {
     // Sets only name (empty); the numbers are filled by populateAlgorithm.
@@ -82,11 +83,7 @@ private:
     void handleReasonForClient(const std::string& text);
     void handleInfoEnd();
     void handleClientEnd();
-    // The text under lang1, else lang2, else the smallest key; "" when none.
-    std::string bestCDataString() const;
 
-    std::string lang1;
-    std::string lang2;
-    std::map<std::string, std::string> cdataStrings;  // language code -> text
+    LanguageChoice langTexts;  // the texts of the element in progress, by language
     SpecFileData specData;
 };

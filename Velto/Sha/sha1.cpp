@@ -1,29 +1,18 @@
-// SHA-1 compression, padding and HMAC.
+// SHA-1 compression, portable and with the processor's SHA instructions;
+// buffering, padding and HMAC come from ShaHasher.
 #include "Velto/Sha/sha1.h"
 
-#include <cstring>
+#include "Velto/Sha/sha_common_impl.h"
 
-#include "Velto/Sha/sha_engine.h"
+using sha_detail::loadBE32;
 
-#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
-#define VELTO_SHA_EXTENSIONS 1
-#include <immintrin.h>
-#else
-#define VELTO_SHA_EXTENSIONS 0
-#endif
-
-Sha1Class Sha1;
+template <>
+const uint32_t ShaHasher<SHA1_HASH_LENGTH, SHA1_BLOCK_LENGTH>::INITIAL_STATE[5] = {
+    0x67452301u, 0xefcdab89u, 0x98badcfeu, 0x10325476u, 0xc3d2e1f0u};
 
 namespace {
 
-const uint32_t SHA1_INIT[5] = {0x67452301u, 0xefcdab89u, 0x98badcfeu, 0x10325476u, 0xc3d2e1f0u};
-
 inline uint32_t rol32(uint32_t x, unsigned n) { return (x << n) | (x >> (32 - n)); }
-
-inline uint32_t loadBE32(const uint8_t* p) {
-    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-           (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
-}
 
 // One round: t = rol(a, 5) + f + e + k + w; then the registers shift down.
 #define SHA1_ROUND(f, k, w)                                  \
@@ -144,129 +133,22 @@ __attribute__((target("sha,sse4.1"))) void compressShaExtensions(uint32_t state[
 
 #endif  // VELTO_SHA_EXTENSIONS
 
-// Compresses `blocks` consecutive 64-byte blocks into state.
-void compressBlocks(uint32_t state[5], const uint8_t* data, size_t blocks) {
-#if VELTO_SHA_EXTENSIONS
-    if (activeShaEngine() == ShaEngine::SHA_EXTENSIONS) {
-        compressShaExtensions(state, data, blocks);
-        return;
-    }
+#if !VELTO_SHA_EXTENSIONS
+constexpr sha_detail::BlocksCompressor compressShaExtensions = nullptr;
 #endif
-    for (; blocks > 0; --blocks, data += SHA1_BLOCK_LENGTH) compressBlockPortable(state, data);
-}
 
 }  // namespace
 
-Sha1Class::Sha1Class() {
-    memset(keyBuffer, 0, sizeof(keyBuffer));
-    memset(innerHash, 0, sizeof(innerHash));
-    init();
+template <>
+void ShaHasher<SHA1_HASH_LENGTH, SHA1_BLOCK_LENGTH>::compress(uint32_t* state, const uint8_t* data,
+                                                             size_t blocks) {
+    sha_detail::compressWithActiveEngine<SHA1_BLOCK_LENGTH>(state, data, blocks, compressBlockPortable,
+                                                            compressShaExtensions);
 }
 
-void Sha1Class::init() {
-    memcpy(state, SHA1_INIT, sizeof(state));
-    memset(buffer, 0, sizeof(buffer));
-    bufferOffset = 0;
-    byteCount = 0;
-}
+template class ShaHasher<SHA1_HASH_LENGTH, SHA1_BLOCK_LENGTH>;
 
-void Sha1Class::hashBlock(const uint8_t* block) { compressBlocks(state, block, 1); }
-
-void Sha1Class::addUncounted(uint8_t b) {
-    buffer[bufferOffset++] = b;
-    if (bufferOffset == SHA1_BLOCK_LENGTH) {
-        hashBlock(buffer);
-        bufferOffset = 0;
-    }
-}
-
-size_t Sha1Class::write(uint8_t b) {
-    ++byteCount;
-    addUncounted(b);
-    return 1;
-}
-
-size_t Sha1Class::write(const uint8_t* data, size_t n) {
-    if (data == nullptr || n == 0) return 0;
-    byteCount += static_cast<uint32_t>(n);
-    size_t rest = n;
-    if (bufferOffset != 0) {
-        size_t take = SHA1_BLOCK_LENGTH - bufferOffset;
-        if (take > rest) take = rest;
-        memcpy(buffer + bufferOffset, data, take);
-        bufferOffset = static_cast<uint8_t>(bufferOffset + take);
-        data += take;
-        rest -= take;
-        if (bufferOffset < SHA1_BLOCK_LENGTH) return n;
-        hashBlock(buffer);
-        bufferOffset = 0;
-    }
-    const size_t blocks = rest / SHA1_BLOCK_LENGTH;
-    if (blocks > 0) {
-        compressBlocks(state, data, blocks);
-        data += blocks * SHA1_BLOCK_LENGTH;
-        rest -= blocks * SHA1_BLOCK_LENGTH;
-    }
-    memcpy(buffer, data, rest);
-    bufferOffset = static_cast<uint8_t>(rest);
-    return n;
-}
-
-void Sha1Class::pad() {
-    const uint64_t bits = static_cast<uint64_t>(byteCount) * 8u;
-    const size_t lengthAt = SHA1_BLOCK_LENGTH - 8;
-    buffer[bufferOffset++] = 0x80;
-    if (bufferOffset > lengthAt) {  // no room for the length: it goes in a block of its own
-        memset(buffer + bufferOffset, 0, SHA1_BLOCK_LENGTH - bufferOffset);
-        hashBlock(buffer);
-        bufferOffset = 0;
-    }
-    memset(buffer + bufferOffset, 0, lengthAt - bufferOffset);
-    for (size_t i = 0; i < 8; ++i) buffer[lengthAt + i] = static_cast<uint8_t>(bits >> (8 * (7 - i)));
-    hashBlock(buffer);
-    bufferOffset = 0;
-}
-
-uint8_t* Sha1Class::result() {
-    pad();
-    // The digest replaces the state words in place, as big-endian bytes.
-    uint32_t words[5];
-    memcpy(words, state, sizeof(words));
-    uint8_t* out = reinterpret_cast<uint8_t*>(state);
-    for (int i = 0; i < 5; ++i) {
-        out[4 * i] = static_cast<uint8_t>(words[i] >> 24);
-        out[4 * i + 1] = static_cast<uint8_t>(words[i] >> 16);
-        out[4 * i + 2] = static_cast<uint8_t>(words[i] >> 8);
-        out[4 * i + 3] = static_cast<uint8_t>(words[i]);
-    }
-    return out;
-}
-
-void Sha1Class::initHmac(const uint8_t* key, int keyLen) {
-    memset(keyBuffer, 0, sizeof(keyBuffer));
-    size_t len = (key != nullptr && keyLen > 0) ? static_cast<size_t>(keyLen) : 0;
-    if (len > SHA1_BLOCK_LENGTH) {
-        init();
-        write(key, len);
-        memcpy(keyBuffer, result(), SHA1_HASH_LENGTH);
-    } else if (len > 0) {
-        memcpy(keyBuffer, key, len);
-    }
-    init();
-    uint8_t block[SHA1_BLOCK_LENGTH];
-    for (size_t i = 0; i < SHA1_BLOCK_LENGTH; ++i) block[i] = keyBuffer[i] ^ 0x36;
-    write(block, SHA1_BLOCK_LENGTH);
-}
-
-uint8_t* Sha1Class::resultHmac() {
-    memcpy(innerHash, result(), SHA1_HASH_LENGTH);
-    init();
-    uint8_t block[SHA1_BLOCK_LENGTH];
-    for (size_t i = 0; i < SHA1_BLOCK_LENGTH; ++i) block[i] = keyBuffer[i] ^ 0x5c;
-    write(block, SHA1_BLOCK_LENGTH);
-    write(innerHash, SHA1_HASH_LENGTH);
-    return result();
-}
+Sha1Class Sha1;
 
 void Sha1Class::copyResultArea(uint8_t out[32]) const {
     memcpy(out, state, SHA1_HASH_LENGTH);

@@ -1,23 +1,16 @@
-// SHA-256 compression, padding and HMAC.
+// SHA-256 compression, portable and with the processor's SHA instructions;
+// buffering, padding and HMAC come from ShaHasher.
 #include "Velto/Sha/sha256.h"
 
-#include <cstring>
+#include "Velto/Sha/sha_common_impl.h"
 
-#include "Velto/Sha/sha_engine.h"
+using sha_detail::loadBE32;
 
-#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
-#define VELTO_SHA_EXTENSIONS 1
-#include <immintrin.h>
-#else
-#define VELTO_SHA_EXTENSIONS 0
-#endif
-
-Sha256Class Sha256;
+template <>
+const uint32_t ShaHasher<SHA256_HASH_LENGTH, SHA256_BLOCK_LENGTH>::INITIAL_STATE[8] = {
+    0x6a09e667u, 0xbb67ae85u, 0x3c6ef372u, 0xa54ff53au, 0x510e527fu, 0x9b05688cu, 0x1f83d9abu, 0x5be0cd19u};
 
 namespace {
-
-const uint32_t SHA256_INIT[8] = {0x6a09e667u, 0xbb67ae85u, 0x3c6ef372u, 0xa54ff53au,
-                                 0x510e527fu, 0x9b05688cu, 0x1f83d9abu, 0x5be0cd19u};
 
 const uint32_t SHA256_K[64] = {
     0x428a2f98u, 0x71374491u, 0xb5c0fbcfu, 0xe9b5dba5u, 0x3956c25bu, 0x59f111f1u, 0x923f82a4u, 0xab1c5ed5u,
@@ -30,11 +23,6 @@ const uint32_t SHA256_K[64] = {
     0x748f82eeu, 0x78a5636fu, 0x84c87814u, 0x8cc70208u, 0x90befffau, 0xa4506cebu, 0xbef9a3f7u, 0xc67178f2u};
 
 inline uint32_t ror32(uint32_t x, unsigned n) { return (x >> n) | (x << (32 - n)); }
-
-inline uint32_t loadBE32(const uint8_t* p) {
-    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-           (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
-}
 
 void compressBlockPortable(uint32_t state[8], const uint8_t* block) {
     uint32_t w[64];
@@ -163,126 +151,19 @@ __attribute__((target("sha,sse4.1"))) void compressShaExtensions(uint32_t state[
 
 #endif  // VELTO_SHA_EXTENSIONS
 
-// Compresses `blocks` consecutive 64-byte blocks into state.
-void compressBlocks(uint32_t state[8], const uint8_t* data, size_t blocks) {
-#if VELTO_SHA_EXTENSIONS
-    if (activeShaEngine() == ShaEngine::SHA_EXTENSIONS) {
-        compressShaExtensions(state, data, blocks);
-        return;
-    }
+#if !VELTO_SHA_EXTENSIONS
+constexpr sha_detail::BlocksCompressor compressShaExtensions = nullptr;
 #endif
-    for (; blocks > 0; --blocks, data += SHA256_BLOCK_LENGTH) compressBlockPortable(state, data);
-}
 
 }  // namespace
 
-Sha256Class::Sha256Class() {
-    memset(keyBuffer, 0, sizeof(keyBuffer));
-    memset(innerHash, 0, sizeof(innerHash));
-    init();
+template <>
+void ShaHasher<SHA256_HASH_LENGTH, SHA256_BLOCK_LENGTH>::compress(uint32_t* state, const uint8_t* data,
+                                                                 size_t blocks) {
+    sha_detail::compressWithActiveEngine<SHA256_BLOCK_LENGTH>(state, data, blocks, compressBlockPortable,
+                                                              compressShaExtensions);
 }
 
-void Sha256Class::init() {
-    memcpy(state, SHA256_INIT, sizeof(state));
-    memset(buffer, 0, sizeof(buffer));
-    bufferOffset = 0;
-    byteCount = 0;
-}
+template class ShaHasher<SHA256_HASH_LENGTH, SHA256_BLOCK_LENGTH>;
 
-void Sha256Class::hashBlock(const uint8_t* block) { compressBlocks(state, block, 1); }
-
-void Sha256Class::addUncounted(uint8_t b) {
-    buffer[bufferOffset++] = b;
-    if (bufferOffset == SHA256_BLOCK_LENGTH) {
-        hashBlock(buffer);
-        bufferOffset = 0;
-    }
-}
-
-size_t Sha256Class::write(uint8_t b) {
-    ++byteCount;
-    addUncounted(b);
-    return 1;
-}
-
-size_t Sha256Class::write(const uint8_t* data, size_t n) {
-    if (data == nullptr || n == 0) return 0;
-    byteCount += static_cast<uint32_t>(n);
-    size_t rest = n;
-    if (bufferOffset != 0) {
-        size_t take = SHA256_BLOCK_LENGTH - bufferOffset;
-        if (take > rest) take = rest;
-        memcpy(buffer + bufferOffset, data, take);
-        bufferOffset = static_cast<uint8_t>(bufferOffset + take);
-        data += take;
-        rest -= take;
-        if (bufferOffset < SHA256_BLOCK_LENGTH) return n;
-        hashBlock(buffer);
-        bufferOffset = 0;
-    }
-    const size_t blocks = rest / SHA256_BLOCK_LENGTH;
-    if (blocks > 0) {
-        compressBlocks(state, data, blocks);
-        data += blocks * SHA256_BLOCK_LENGTH;
-        rest -= blocks * SHA256_BLOCK_LENGTH;
-    }
-    memcpy(buffer, data, rest);
-    bufferOffset = static_cast<uint8_t>(rest);
-    return n;
-}
-
-void Sha256Class::pad() {
-    const uint64_t bits = static_cast<uint64_t>(byteCount) * 8u;
-    const size_t lengthAt = SHA256_BLOCK_LENGTH - 8;
-    buffer[bufferOffset++] = 0x80;
-    if (bufferOffset > lengthAt) {  // no room for the length: it goes in a block of its own
-        memset(buffer + bufferOffset, 0, SHA256_BLOCK_LENGTH - bufferOffset);
-        hashBlock(buffer);
-        bufferOffset = 0;
-    }
-    memset(buffer + bufferOffset, 0, lengthAt - bufferOffset);
-    for (size_t i = 0; i < 8; ++i) buffer[lengthAt + i] = static_cast<uint8_t>(bits >> (8 * (7 - i)));
-    hashBlock(buffer);
-    bufferOffset = 0;
-}
-
-uint8_t* Sha256Class::result() {
-    pad();
-    // The digest replaces the state words in place, as big-endian bytes.
-    uint32_t words[8];
-    memcpy(words, state, sizeof(words));
-    uint8_t* out = reinterpret_cast<uint8_t*>(state);
-    for (int i = 0; i < 8; ++i) {
-        out[4 * i] = static_cast<uint8_t>(words[i] >> 24);
-        out[4 * i + 1] = static_cast<uint8_t>(words[i] >> 16);
-        out[4 * i + 2] = static_cast<uint8_t>(words[i] >> 8);
-        out[4 * i + 3] = static_cast<uint8_t>(words[i]);
-    }
-    return out;
-}
-
-void Sha256Class::initHmac(const uint8_t* key, int keyLen) {
-    memset(keyBuffer, 0, sizeof(keyBuffer));
-    size_t len = (key != nullptr && keyLen > 0) ? static_cast<size_t>(keyLen) : 0;
-    if (len > SHA256_BLOCK_LENGTH) {
-        init();
-        write(key, len);
-        memcpy(keyBuffer, result(), SHA256_HASH_LENGTH);
-    } else if (len > 0) {
-        memcpy(keyBuffer, key, len);
-    }
-    init();
-    uint8_t block[SHA256_BLOCK_LENGTH];
-    for (size_t i = 0; i < SHA256_BLOCK_LENGTH; ++i) block[i] = keyBuffer[i] ^ 0x36;
-    write(block, SHA256_BLOCK_LENGTH);
-}
-
-uint8_t* Sha256Class::resultHmac() {
-    memcpy(innerHash, result(), SHA256_HASH_LENGTH);
-    init();
-    uint8_t block[SHA256_BLOCK_LENGTH];
-    for (size_t i = 0; i < SHA256_BLOCK_LENGTH; ++i) block[i] = keyBuffer[i] ^ 0x5c;
-    write(block, SHA256_BLOCK_LENGTH);
-    write(innerHash, SHA256_HASH_LENGTH);
-    return result();
-}
+Sha256Class Sha256;
