@@ -2,30 +2,20 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 #include "Hub/DeviceManager.h"
 #include "Hub/server.h"
 #include "tests/support/hub_harness.h"
+#include "tests/support/wire_bytes.h"
 
 using namespace testsupport;
 
 namespace {
 
-std::string hexOf(const uint8_t* p, size_t n) {
-    std::string s;
-    char two[3];
-    for (size_t i = 0; i < n; ++i) {
-        snprintf(two, sizeof two, "%02x", p[i]);
-        s += two;
-    }
-    return s;
-}
-
 template <size_t N>
 std::string hexOf(const ByteArray<N>& a) {
-    return hexOf(a.data(), a.size());
+    return toHex(a.data(), a.size());
 }
 
 ByteArray<32> bytesOf(std::initializer_list<uint8_t> l) { return ByteArray<32>(l.begin(), l.size()); }
