@@ -6,6 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/test_support.h"
+
+using testsupport::stderrOf;
+using testsupport::stdoutOf;
+
 namespace {
 
 std::vector<uint8_t> pattern(size_t n) {
@@ -38,19 +43,6 @@ protected:
     std::vector<uint8_t> msg;
 };
 
-// Standard error (or output) of one piece of work.
-template <typename F>
-std::string stderrOf(F work) {
-    testing::internal::CaptureStderr();
-    work();
-    return testing::internal::GetCapturedStderr();
-}
-template <typename F>
-std::string stdoutOf(F work) {
-    testing::internal::CaptureStdout();
-    work();
-    return testing::internal::GetCapturedStdout();
-}
 
 // Pulls every piece the sender has now; returns them in order.
 std::vector<MessageCarrierPack> drain(MsgSender& s) {
