@@ -60,9 +60,8 @@ protected:
 
 TEST_F(NewDeviceTest, NewBornGetsAnOfferAndBecomesANewcomer) {
     SimDevice dev("nd-adopt");
-    startCapture();
-    AdoptionOfferPack offer = announce(dev);
-    CapturedOutput log = endCapture();
+    AdoptionOfferPack offer;
+    CapturedOutput log = outputOf([&] { offer = announce(dev); });
 
     ASSERT_EQ(AdoptionOfferPack::PACK_ID, offer.id);
     EXPECT_EQ(17, offer.hubId);
@@ -105,9 +104,8 @@ TEST_F(NewDeviceTest, RepeatedNewBornReusesTheNewcomerAndSignsWithAMainKey) {
 TEST_F(NewDeviceTest, DomainDifferingByCaseIsRefusedWithoutAnswer) {
     SimDevice dev("nd-case");
     ASSERT_EQ(AdoptionOfferPack::PACK_ID, announce(dev).id);
-    startCapture();
-    JoinAcceptedPack ja = requestJoin(dev, "testdomain_kvz1", 1);
-    CapturedOutput log = endCapture();
+    JoinAcceptedPack ja;
+    CapturedOutput log = outputOf([&] { ja = requestJoin(dev, "testdomain_kvz1", 1); });
 
     EXPECT_EQ(0, ja.id);
     EXPECT_NE(std::string::npos, log.err.find("Refuse join request missmatch domains. requested: testdomain_kvz1 "
@@ -117,9 +115,8 @@ TEST_F(NewDeviceTest, DomainDifferingByCaseIsRefusedWithoutAnswer) {
 
 TEST_F(NewDeviceTest, JoinWithoutAdoptionIsRefused) {
     SimDevice dev("nd-stranger");
-    startCapture();
-    JoinAcceptedPack ja = requestJoin(dev, "TestDomain_KVZ1", 1);
-    CapturedOutput log = endCapture();
+    JoinAcceptedPack ja;
+    CapturedOutput log = outputOf([&] { ja = requestJoin(dev, "TestDomain_KVZ1", 1); });
     EXPECT_EQ(0, ja.id);
     EXPECT_NE(std::string::npos, log.err.find("Refuse join request failed to make device active\n"));
 }
@@ -165,9 +162,8 @@ TEST_F(NewDeviceTest, SessionKeyIsRecoveredWithTheMainKeyAndSaved) {
     nc->record.trust = 3;
 
     const uint64_t clientRand = 987654321;
-    startCapture();
-    JoinAcceptedPack ja = requestJoin(dev, "TestDomain_KVZ1", clientRand, &mainKey, HMAC_SHA1_TYPE);
-    CapturedOutput log = endCapture();
+    JoinAcceptedPack ja;
+    CapturedOutput log = outputOf([&] { ja = requestJoin(dev, "TestDomain_KVZ1", clientRand, &mainKey, HMAC_SHA1_TYPE); });
     ASSERT_EQ(JoinAcceptedPack::PACK_ID, ja.id);
     EXPECT_TRUE(ja.signature.verified());
     EXPECT_EQ(SIMPLE_XOR_TYPE, ja.encAlg);

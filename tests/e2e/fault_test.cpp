@@ -343,6 +343,13 @@ const long FLOOD_MEMORY_BOUND_KB = 5 * 1024;  // growth of the hub's resident me
 
 uint64_t random64(std::mt19937& rng) { return (static_cast<uint64_t>(rng()) << 32) | rng(); }
 
+// Gives every field a random value of its whole range.
+template <typename... T>
+void randomize(std::mt19937& rng, T&... fields) {
+    int unused[] = {0, (fields = static_cast<T>(sizeof(T) == 8 ? random64(rng) : rng()), 0)...};
+    (void)unused;
+}
+
 // Up to maxLen random bytes, none of them NUL.
 std::string randomText(std::mt19937& rng, size_t maxLen) {
     std::string s(rng() % (maxLen + 1), 'x');
@@ -377,7 +384,7 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             auto p = std::make_unique<NewBornDevicePack>();
             p->duid = duid;
             p->specs = randomText(rng, 2);  // too short to be fetched
-            p->intVer = static_cast<uint8_t>(rng());
+            randomize(rng, p->intVer);
             p->prevn = randomText(rng, 32);
             p->prevdom = randomText(rng, 32);
             return p;
@@ -387,41 +394,31 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             p->duid = duid;
             p->nname = randomText(rng, 32);
             p->domain = rng() % 2 ? std::string(JOIN_DOMAIN) : randomText(rng, 32);
-            p->generalFlags = static_cast<uint8_t>(rng());
-            p->clientRand = random64(rng);
+            randomize(rng, p->generalFlags, p->clientRand, p->hubPortNo);
             p->addrType = static_cast<uint8_t>(rng() % 7);
-            p->hubPortNo = static_cast<uint16_t>(rng());
             p->addrValue = randomBytes<32>(rng);
             return p;
         }
         case ConfigSummaryPack::PACK_ID: {
             auto p = std::make_unique<ConfigSummaryPack>();
             p->duid = duid;
-            p->noOfObjects = static_cast<uint8_t>(rng());
-            p->maxNoOfObjects = static_cast<uint8_t>(rng());
-            p->maxPacketSize = static_cast<uint16_t>(rng());
-            p->maxMessageSize = rng();
-            p->maxNoOfDirectUsers = static_cast<uint16_t>(rng());
-            p->random = random64(rng);
+            randomize(rng, p->noOfObjects, p->maxNoOfObjects, p->maxPacketSize, p->maxMessageSize,
+                      p->maxNoOfDirectUsers, p->random);
             return p;
         }
         case ObjectInfoPack::PACK_ID: {
             auto p = std::make_unique<ObjectInfoPack>();
             p->objectNo = static_cast<uint8_t>(rng() % 4);
-            p->groupNo = static_cast<uint8_t>(rng());
-            p->ifaceType = static_cast<uint8_t>(rng());
+            randomize(rng, p->groupNo, p->ifaceType, p->nParam1, p->lnParam);
             p->name = randomText(rng, 32);
             p->interface = randomText(rng, 32);
-            p->nParam1 = rng();
             p->sParam1 = randomText(rng, 32);
-            p->lnParam = random64(rng);
             return p;
         }
         case PingPongPack::PACK_ID: {
             auto p = std::make_unique<PingPongPack>();
             p->pingOrPong = static_cast<uint8_t>(rng() % 3);
-            p->replyKey = random64(rng);
-            p->random = random64(rng);
+            randomize(rng, p->replyKey, p->random);
             return p;
         }
         case MessageCarrierPack::PACK_ID: {
@@ -429,14 +426,12 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             p->msgCat = static_cast<uint8_t>(rng() % 4);
             p->fromDeviceId = floodNodeId(rng, spared);
             p->fromObjectNo = static_cast<uint8_t>(rng() % 3);
-            p->msgId = static_cast<MessageID>(rng());
+            randomize(rng, p->msgId, p->commands, p->checksum);
             p->toDeviceId = rng() % 8 ? floodNodeId(rng, spared) : 1;
             p->toObjectNo = static_cast<uint8_t>(rng() % 3);
             p->msgNo = rng() % 16;
             p->packetStart = rng() % 2 ? 0 : rng() % 4096;
             p->msgSize = rng() % 2 ? rng() % 4096 : rng();
-            p->commands = static_cast<uint8_t>(rng());
-            p->checksum = rng();
             p->payload = randomBytes<326>(rng);
             return p;
         }
@@ -453,13 +448,13 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             auto p = std::make_unique<NotificationSubscriptionPack>();
             p->nodeId = rng() % 2 ? floodNodeId(rng, spared) : static_cast<DeviceID>(rng() % 3);
             p->objectNo = static_cast<uint8_t>(rng() % 4);
-            p->eventId = static_cast<uint16_t>(rng());
+            randomize(rng, p->eventId);
             p->subscribe = static_cast<uint8_t>(rng() % 3);
             return p;
         }
         case MessageErrorPack::PACK_ID: {
             auto p = std::make_unique<MessageErrorPack>();
-            p->errorCode = rng();
+            randomize(rng, p->errorCode);
             p->toNodeId = floodNodeId(rng, spared);
             p->optErorMsg = randomText(rng, 32);
             return p;

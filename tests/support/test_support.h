@@ -29,6 +29,22 @@ bool writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
 
+// What `work` wrote to standard output and standard error.
+struct CapturedOutput {
+    std::string out;
+    std::string err;
+};
+template <typename F>
+CapturedOutput outputOf(F work) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    work();
+    CapturedOutput o;
+    o.out = testing::internal::GetCapturedStdout();
+    o.err = testing::internal::GetCapturedStderr();
+    return o;
+}
+
 // What `work` wrote to standard output / standard error.
 template <typename F>
 std::string stdoutOf(F work) {

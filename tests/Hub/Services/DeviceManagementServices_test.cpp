@@ -34,9 +34,7 @@ protected:
             data.reset(new unsigned char[body.size()], std::default_delete<unsigned char[]>());
             std::copy(body.begin(), body.end(), data.get());
         }
-        startCapture();
-        service.deliverMessage(ms, data, static_cast<unsigned int>(body.size()));
-        return endCapture();
+        return outputOf([&] { service.deliverMessage(ms, data, static_cast<unsigned int>(body.size())); });
     }
 
     static Bytes listRequest() {
