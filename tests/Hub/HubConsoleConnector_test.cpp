@@ -110,9 +110,7 @@ TEST_F(HubConsoleConnectorTest, RemovalReachesBothObjectsInOrder) {
 }
 
 TEST_F(HubConsoleConnectorTest, SubscriptionIsRefusedWithAWarning) {
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(hub.subscribeToNotification(1, 3, 1000, true));
     EXPECT_EQ("WARNING: HubConsoleConnector is not suppose to subscribe to any notificvation\n",
-              testing::internal::GetCapturedStderr());
+              testsupport::stderrOf([&] { EXPECT_FALSE(hub.subscribeToNotification(1, 3, 1000, true)); }));
     EXPECT_FALSE(hub.replaceObject(2, nullptr));
 }

@@ -178,10 +178,9 @@ TEST_F(MessageTest, FirstPiecesWithAnUnusableSizeOrObjectAreRefused) {
     EXPECT_EQ(MsgReceiver::EMPTY, a->messageReceiver().getStatus());
 
     ms.fromObjectNo = 2;  // A has objects 0 and 1
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(ClientProxy::MSG_ERROR, a->putMsgPacket(ms, 0, 1, &byte, 1, ack));
-    EXPECT_EQ("ERROR ClientProxy::putMsgPacket(). ms.fromObjectNo=2 objects.sz=2\n",
-              testing::internal::GetCapturedStderr());
+    EXPECT_EQ("ERROR ClientProxy::putMsgPacket(). ms.fromObjectNo=2 objects.sz=2\n", testsupport::stderrOf([&] {
+                  EXPECT_EQ(ClientProxy::MSG_ERROR, a->putMsgPacket(ms, 0, 1, &byte, 1, ack));
+              }));
 
     ms.fromObjectNo = 0;
     EXPECT_EQ(ClientProxy::MSG_OK_ACK, a->putMsgPacket(ms, 0, 1, &byte, 1, ack));  // the largest is fine too
@@ -278,10 +277,8 @@ TEST_F(MessageTest, UnsubscriptionNeedsNoRights) {
 }
 
 TEST_F(MessageTest, SubscriptionToAMissingNodeIsRefusedWithALine) {
-    testing::internal::CaptureStderr();
-    subscribeFromB(300, 0, 1, 1);
     EXPECT_EQ("Failed to find proxy for devId=" + std::to_string(b.id) + " node=300\n",
-              testing::internal::GetCapturedStderr());
+              testsupport::stderrOf([&] { subscribeFromB(300, 0, 1, 1); }));
     EXPECT_TRUE(devB.silent());
 }
 
