@@ -10,12 +10,7 @@ using namespace device;
 
 namespace {
 
-ByteArray<32> keyOf(size_t n, uint8_t seed) {
-    ByteArray<32> k;
-    for (size_t i = 0; i < n; ++i) k[i] = static_cast<uint8_t>(seed + 11 * i);
-    k.setSize(n);
-    return k;
-}
+ByteArray<32> keyOf(size_t n, uint8_t seed) { return testsupport::keyBytes(n, seed, 11); }
 
 std::vector<uint8_t> bytes(size_t n, uint8_t seed) {
     std::vector<uint8_t> d(n);

@@ -13,12 +13,7 @@ namespace {
 
 ByteArray<32> bytes(std::initializer_list<uint8_t> v) { return ByteArray<32>(std::vector<uint8_t>(v).data(), v.size()); }
 
-ByteArray<32> pattern(size_t n, uint8_t seed) {
-    ByteArray<32> a;
-    for (size_t i = 0; i < n; ++i) a[i] = static_cast<uint8_t>(seed + 7 * i);
-    a.setSize(n);
-    return a;
-}
+ByteArray<32> pattern(size_t n, uint8_t seed) { return testsupport::keyBytes(n, seed, 7); }
 
 // Serialises p (signed with key under type when type is not 0).
 std::vector<uint8_t> wire(VeltoPacket& p, uint8_t type, const ByteArray<32>& key) {

@@ -20,12 +20,7 @@ std::string hexOf(const ByteArray<N>& a) {
 
 ByteArray<32> bytesOf(std::initializer_list<uint8_t> l) { return ByteArray<32>(l.begin(), l.size()); }
 
-ByteArray<32> filled(size_t n, uint8_t v) {
-    ByteArray<32> a;
-    for (size_t i = 0; i < n; ++i) a[i] = v;
-    a.setSize(n);
-    return a;
-}
+ByteArray<32> filled(size_t n, uint8_t v) { return keyBytes(n, v); }
 
 class NewDeviceTest : public HubFixture {
 protected:

@@ -28,12 +28,7 @@ typedef std::chrono::steady_clock Clock;
 
 std::string hexOf(const ByteArray<32>& a) { return toHex(a.data(), a.size()); }
 
-ByteArray<32> filled(size_t n, uint8_t v) {
-    ByteArray<32> a;
-    for (size_t i = 0; i < n; ++i) a[i] = v;
-    a.setSize(n);
-    return a;
-}
+ByteArray<32> filled(size_t n, uint8_t v) { return keyBytes(n, v); }
 
 uint32_t millisecondsLeft(Clock::time_point deadline) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
