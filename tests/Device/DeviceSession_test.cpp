@@ -2,24 +2,15 @@
 // test with the pack classes.
 #include "Device/DeviceSession.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
-#include <cstring>
-
-#include "Velto/Sha/sha1.h"
+#include "tests/support/device_sim.h"
 
 using namespace device;
 
 namespace {
 
-ByteArray<32> keyOf(size_t n, uint8_t seed) {
-    ByteArray<32> k;
-    for (size_t i = 0; i < n; ++i) k[i] = static_cast<uint8_t>(seed + 11 * i);
-    k.setSize(n);
-    return k;
-}
+ByteArray<32> keyOf(size_t n, uint8_t seed) { return testsupport::keyBytes(n, seed, 11); }
 
 std::vector<uint8_t> bytes(size_t n, uint8_t seed) {
     std::vector<uint8_t> d(n);
@@ -27,18 +18,13 @@ std::vector<uint8_t> bytes(size_t n, uint8_t seed) {
     return d;
 }
 
-// What the hub does: XOR the session key with SHA-1(clientRand LE, main key,
-// svrRand LE), written out here independently of the library.
+// What the hub does: XOR the session key with the transport key, SHA-1 of
+// (clientRand LE, main key, svrRand LE), computed by the test support
+// independently of the library.
 void hubEncrypt(JoinAcceptedPack& acc, uint64_t clientRand, const ByteArray<32>& mainKey,
                 const ByteArray<32>& session) {
-    std::vector<uint8_t> in;
-    for (int i = 0; i < 8; ++i) in.push_back(static_cast<uint8_t>(clientRand >> (8 * i)));
-    in.insert(in.end(), mainKey.data(), mainKey.data() + mainKey.size());
-    for (int i = 0; i < 8; ++i) in.push_back(static_cast<uint8_t>(acc.svrRand >> (8 * i)));
-    Sha1Class h;
-    h.init();
-    h.write(in.data(), in.size());
-    const uint8_t* hash = h.result();
+    uint8_t hash[20];
+    testsupport::joinTransportKey(clientRand, mainKey.data(), mainKey.size(), acc.svrRand, hash);
     acc.encAlg = SIMPLE_XOR_TYPE;
     for (size_t i = 0; i < session.size(); ++i) acc.sessionKey[i] = session[i] ^ hash[i % 20];
     acc.sessionKey.setSize(session.size());
@@ -54,10 +40,7 @@ struct FakeHub {
 
     FakeHub() {
         sock.bind(SockAddress("127.0.0.1", 0), false);
-        sockaddr_in a;
-        socklen_t len = sizeof(a);
-        getsockname(sock.handle(), reinterpret_cast<sockaddr*>(&a), &len);
-        addr = SockAddress("127.0.0.1", ntohs(a.sin_port));
+        addr = SockAddress("127.0.0.1", testsupport::boundPort(sock));
     }
 
     // Waits for a pack with this id, polling s meanwhile when given.
@@ -112,6 +95,13 @@ protected:
         session->onMessage([this](const IncomingMessage& m) { messages.push_back(m); });
         session->onError([this](const MessageError& e) { errors.push_back(e); });
         session->onDelivery([this](const DeliveryResult& r) { deliveries.push_back(r); });
+    }
+
+    // A session whose device holds mainKey.
+    void makeKeyed(const ByteArray<32>& mainKey) {
+        DeviceConfig c = config(hub);
+        c.mainKey.assign(mainKey.data(), mainKey.data() + mainKey.size());
+        make(c);
     }
 
     // Offer and acceptance signed with sigType under hubKey (the main key the
@@ -177,10 +167,8 @@ protected:
 }  // namespace
 
 TEST_F(DeviceSessionTest, JoinsRecoversTheSessionKeyAndDescribesItsObjects) {
-    DeviceConfig c = config(hub);
     ByteArray<32> mainKey = keyOf(20, 90);
-    c.mainKey.assign(mainKey.data(), mainKey.data() + mainKey.size());
-    make(c);
+    makeKeyed(mainKey);
     hub.sessionKey = keyOf(32, 7);
     NetworkJoinPack join = joinUpTo(HMAC_SHA1_TYPE, mainKey, hub.sessionKey);
     EXPECT_TRUE(join.domain == std::string("TestDomain_KVZ1"));
@@ -204,10 +192,8 @@ TEST_F(DeviceSessionTest, JoinsRecoversTheSessionKeyAndDescribesItsObjects) {
 }
 
 TEST_F(DeviceSessionTest, AnAcceptanceSignedWithAnotherKeyIsRefused) {
-    DeviceConfig c = config(hub);
     ByteArray<32> mainKey = keyOf(16, 1);
-    c.mainKey.assign(mainKey.data(), mainKey.data() + mainKey.size());
-    make(c);
+    makeKeyed(mainKey);
     ASSERT_TRUE(session->start());
     NewBornDevicePack nb;
     ASSERT_TRUE(hub.expect(nb, session.get()));
@@ -233,10 +219,8 @@ TEST_F(DeviceSessionTest, AnAcceptanceSignedWithAnotherKeyIsRefused) {
 }
 
 TEST_F(DeviceSessionTest, TypeTwoSignaturesAreReportedAsNotCheckable) {
-    DeviceConfig c = config(hub);
     ByteArray<32> mainKey = keyOf(20, 9);
-    c.mainKey.assign(mainKey.data(), mainKey.data() + mainKey.size());
-    make(c);
+    makeKeyed(mainKey);
     hub.sessionKey = keyOf(32, 8);
     joinUpTo(HMAC_SHA256_TYPE, mainKey, hub.sessionKey);
     ConfigSummaryPack cs;

@@ -1,10 +1,10 @@
 #include "Device/HubLink.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <cstring>
+
+#include "tests/support/device_sim.h"
 
 using namespace device;
 
@@ -16,10 +16,7 @@ struct Peer {
     SockAddress addr;
     Peer() {
         sock.bind(SockAddress("127.0.0.1", 0), false);
-        sockaddr_in a;
-        socklen_t len = sizeof(a);
-        getsockname(sock.handle(), reinterpret_cast<sockaddr*>(&a), &len);
-        addr = SockAddress("127.0.0.1", ntohs(a.sin_port));
+        addr = SockAddress("127.0.0.1", testsupport::boundPort(sock));
     }
 };
 

@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
-#include "Velto/Sha/sha1.h"
+#include "tests/support/device_sim.h"
 
 using namespace device;
 
@@ -12,12 +13,7 @@ namespace {
 
 ByteArray<32> bytes(std::initializer_list<uint8_t> v) { return ByteArray<32>(std::vector<uint8_t>(v).data(), v.size()); }
 
-ByteArray<32> pattern(size_t n, uint8_t seed) {
-    ByteArray<32> a;
-    for (size_t i = 0; i < n; ++i) a[i] = static_cast<uint8_t>(seed + 7 * i);
-    a.setSize(n);
-    return a;
-}
+ByteArray<32> pattern(size_t n, uint8_t seed) { return testsupport::keyBytes(n, seed, 7); }
 
 // Serialises p (signed with key under type when type is not 0).
 std::vector<uint8_t> wire(VeltoPacket& p, uint8_t type, const ByteArray<32>& key) {
@@ -33,15 +29,10 @@ std::vector<uint8_t> wire(VeltoPacket& p, uint8_t type, const ByteArray<32>& key
 TEST(JoinSecurity, TransportKeyHashesRandomsLittleEndianAroundTheMainKey) {
     const uint64_t clientRand = 0x0102030405060708ULL, svrRand = 0xA1A2A3A4A5A6A7A8ULL;
     ByteArray<32> key = pattern(16, 3);
-    std::vector<uint8_t> input = {8, 7, 6, 5, 4, 3, 2, 1};
-    input.insert(input.end(), key.data(), key.data() + key.size());
-    for (uint8_t b : {0xA8, 0xA7, 0xA6, 0xA5, 0xA4, 0xA3, 0xA2, 0xA1}) input.push_back(b);
-    Sha1Class h;
-    h.init();
-    h.write(input.data(), input.size());
-    uint8_t got[TRANSPORT_KEY_SIZE];
+    uint8_t expected[20], got[TRANSPORT_KEY_SIZE];
+    testsupport::joinTransportKey(clientRand, key.data(), key.size(), svrRand, expected);
     transportKey(clientRand, key, svrRand, got);
-    EXPECT_EQ(0, memcmp(got, h.result(), TRANSPORT_KEY_SIZE));
+    EXPECT_EQ(0, memcmp(got, expected, TRANSPORT_KEY_SIZE));
 }
 
 TEST(JoinSecurity, SessionKeyRoundTripsUnderXorAndPlain) {

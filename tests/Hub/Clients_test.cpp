@@ -33,9 +33,7 @@ protected:
 
     // Runs the probe at `now` and returns its log line.
     std::string probe(Timestamp now) {
-        testing::internal::CaptureStdout();
-        dev->checkReceiverTimeout(now);
-        return testing::internal::GetCapturedStdout();
+        return testsupport::stdoutOf([&] { dev->checkReceiverTimeout(now); });
     }
 
     bool pingArrives() {
@@ -86,10 +84,8 @@ TEST_F(ProxyTest, SubscriptionsAreKeptPerObjectAndSurviveARemovedDevice) {
     ASSERT_NE(nullptr, dev->listenersOf(0, 7));  // an emptied set stays
     EXPECT_TRUE(dev->listenersOf(0, 7)->empty());
 
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(dev->subscribeToNotification(3, 7, 1234, true));
     EXPECT_EQ("handleNotificationSubscription(): Subscription objectNo out of range: 3\n",
-              testing::internal::GetCapturedStderr());
+              testsupport::stderrOf([&] { EXPECT_FALSE(dev->subscribeToNotification(3, 7, 1234, true)); }));
     EXPECT_EQ(1, dev->requiredMsgAccess(0, 7));
     EXPECT_EQ(1, dev->requiredNotificationAccess(0, 7));
 }

@@ -11,6 +11,8 @@
 
 using sessionstory::LoopbackPeer;
 using sessionstory::RecordingClient;
+using testsupport::stderrOf;
+using testsupport::stdoutOf;
 using testsupport::TempDir;
 
 namespace {
@@ -147,10 +149,8 @@ TEST_F(ManagerTest, AnotherKnownDuidAtAnAddressGivesAnObjectTheMapDoesNotHold) {
     EXPECT_EQ("switch", found->record.duid);
     EXPECT_EQ(a, mgr.allNewComers().at(at(40001)));
 
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(nullptr, mgr.makeDeviceActive(found, &hub.sock));
     EXPECT_EQ(" failed to make device because no newcommers match the passed parameter\n",
-              testing::internal::GetCapturedStderr());
+              stderrOf([&] { EXPECT_EQ(nullptr, mgr.makeDeviceActive(found, &hub.sock)); }));
 }
 
 TEST_F(ManagerTest, InfosTheMapDidNotTakeStayValidUntilTheNextCleanUpFreesThem) {
@@ -164,9 +164,7 @@ TEST_F(ManagerTest, InfosTheMapDidNotTakeStayValidUntilTheNextCleanUpFreesThem) 
     EXPECT_EQ(held, mgr.allNewComers().at(at(40001)));  // kept: the map keeps the older entry
     EXPECT_EQ(2u, mgr.allNewComers().size());
 
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(nullptr, mgr.makeDeviceActive(unheld[0], &hub.sock));
-    testing::internal::GetCapturedStderr();
+    stderrOf([&] { EXPECT_EQ(nullptr, mgr.makeDeviceActive(unheld[0], &hub.sock)); });
     for (int i = 0; i < 40; ++i) {  // still whole; each new DUID has its record, by design
         EXPECT_EQ("new-" + std::to_string(i), unheld[i]->record.duid);
         EXPECT_EQ(1002 + i, unheld[i]->record.id);
@@ -195,14 +193,14 @@ TEST_F(ManagerTest, MakeDeviceActiveTakesOnlyItsOwnNewcomers) {
     ClientInfo stranger;
     stranger.record.id = 1500;
     ClientInfo idless;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(nullptr, mgr.makeDeviceActive(nullptr, &hub.sock));
-    EXPECT_EQ(nullptr, mgr.makeDeviceActive(&idless, &hub.sock));
-    EXPECT_EQ(nullptr, mgr.makeDeviceActive(&stranger, &hub.sock));
-    EXPECT_EQ(" failed to make device because ClientInfo==NULL\n"
+    EXPECT_EQ(stderrOf([&] {
+                  EXPECT_EQ(nullptr, mgr.makeDeviceActive(nullptr, &hub.sock));
+                  EXPECT_EQ(nullptr, mgr.makeDeviceActive(&idless, &hub.sock));
+                  EXPECT_EQ(nullptr, mgr.makeDeviceActive(&stranger, &hub.sock));
+              }),
+              " failed to make device because ClientInfo==NULL\n"
               " failed to make device because dbRecord.id==0\n"
-              " failed to make device because no newcommers match the passed parameter\n",
-              testing::internal::GetCapturedStderr());
+              " failed to make device because no newcommers match the passed parameter\n");
 
     ClientInfo* info = newcomer("lamp", 40001, 1000);
     info->status.prevn = "old-name";
@@ -224,9 +222,7 @@ TEST_F(ManagerTest, ARejoinReplacesTheProxySilentlyAndTheNextCleanUpFreesIt) {
     EXPECT_EQ(1u, mgr.replacedDevices());
     EXPECT_EQ(1000, first->record().id);  // still whole until the clean-up
 
-    testing::internal::CaptureStdout();
-    mgr.doCleanUp(1000);
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = stdoutOf([&] { mgr.doCleanUp(1000); });
     EXPECT_EQ(0u, mgr.replacedDevices());
     EXPECT_EQ(second, mgr.getClient(1000));
     EXPECT_EQ(std::string::npos, out.find("Will destroy"));  // kept: nobody is told
@@ -240,9 +236,7 @@ TEST_F(ManagerTest, NewcomerSilentExactly45000MsSurvivesOneMoreIsDropped) {
     newcomer("lamp", 40001, 10000);
     mgr.doCleanUp(55000);
     EXPECT_EQ(1u, mgr.allNewComers().size());
-    testing::internal::CaptureStdout();
-    mgr.doCleanUp(55001);
-    EXPECT_EQ("ClientManager::doCleanUp: Delete newcommer id=1000 duid=lamp\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("ClientManager::doCleanUp: Delete newcommer id=1000 duid=lamp\n", stdoutOf([&] { mgr.doCleanUp(55001); }));
     EXPECT_TRUE(mgr.allNewComers().empty());
 }
 
@@ -302,9 +296,7 @@ TEST_F(ManagerTest, DestroyClientTellsEveryPartyOnce) {
     ClientProxy* b = device("b", 40002);
     DeviceID idA = a->record().id;
 
-    testing::internal::CaptureStdout();
-    mgr.destroyClient(idA);
-    EXPECT_EQ("Will destroy proxy for Device: " + std::to_string(idA) + "\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("Will destroy proxy for Device: " + std::to_string(idA) + "\n", stdoutOf([&] { mgr.destroyClient(idA); }));
     EXPECT_EQ(std::vector<DeviceID>{idA}, vc1->removed);
     EXPECT_EQ(std::vector<DeviceID>{idA}, vc2->removed);
     EXPECT_EQ(nullptr, mgr.getClient(idA));

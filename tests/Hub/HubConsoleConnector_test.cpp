@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Velto/Interfaces/DeviceManagementInterface.h"
+#include "tests/support/test_support.h"
 
 namespace {
 
@@ -29,10 +30,6 @@ public:
     using HubMainServices::replaceObject;
 };
 
-struct Output {
-    std::string out, err;
-};
-
 class HubConsoleConnectorTest : public ::testing::Test {
 protected:
     // The hub's own node with recorders in place of its two objects.
@@ -52,15 +49,9 @@ protected:
         return ms;
     }
 
-    Output deliver(const MsgSelector& ms, uint32_t size = 4) {
+    testsupport::CapturedOutput deliver(const MsgSelector& ms, uint32_t size = 4) {
         std::shared_ptr<unsigned char> body(new unsigned char[size](), std::default_delete<unsigned char[]>());
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        hub.deliverMessage(ms, body, size);
-        Output o;
-        o.out = testing::internal::GetCapturedStdout();
-        o.err = testing::internal::GetCapturedStderr();
-        return o;
+        return testsupport::outputOf([&] { hub.deliverMessage(ms, body, size); });
     }
 
     InstrumentedHub hub;
@@ -78,14 +69,14 @@ TEST_F(HubConsoleConnectorTest, DirectMessagesAreRoutedByObjectNumber) {
 
 TEST_F(HubConsoleConnectorTest, ObjectOutOfRangeIsLoggedAndDropped) {
     instrument();
-    Output o = deliver(message(DIRECT_MSGCAT, 1, 2, 1));
+    auto o = deliver(message(DIRECT_MSGCAT, 1, 2, 1));
     EXPECT_EQ("ERROR: HubConsoleConnector::deliverMessage Object Number out of range=2\n", o.err);
     EXPECT_TRUE(log.empty());
 }
 
 TEST_F(HubConsoleConnectorTest, DirectMessageForAnotherNodeIsDropped) {
     instrument();
-    Output o = deliver(message(DIRECT_MSGCAT, 5, 1, 1));
+    auto o = deliver(message(DIRECT_MSGCAT, 5, 1, 1));
     EXPECT_EQ("DBG: ms.msgCat==DIRECT_MSGCAT && ms.toDeviceId != 1\n", o.out);
     EXPECT_TRUE(log.empty());
 }
@@ -99,15 +90,15 @@ TEST_F(HubConsoleConnectorTest, NotificationIsRoutedByObjectNumberWhateverItsDes
 
 TEST_F(HubConsoleConnectorTest, NullObjectEntryIsLoggedAndDropped) {
     ASSERT_TRUE(hub.replaceObject(1, nullptr));
-    Output o = deliver(message(DIRECT_MSGCAT, 1, 1, 1));
+    auto o = deliver(message(DIRECT_MSGCAT, 1, 1, 1));
     EXPECT_EQ("ERROR: HubConsoleConnector::deliverMessage NULL object pointer for objNo1\n", o.err);
 }
 
 TEST_F(HubConsoleConnectorTest, RealObjectsSwallowObjectZeroAndServeObjectOne) {
-    Output zero = deliver(message(DIRECT_MSGCAT, 1, 0, 1));
+    auto zero = deliver(message(DIRECT_MSGCAT, 1, 0, 1));
     EXPECT_EQ("", zero.out + zero.err);
 
-    Output one = deliver(message(DIRECT_MSGCAT, 1, 1, RequestBasicDeviceListMsg::MSG_ID));
+    auto one = deliver(message(DIRECT_MSGCAT, 1, 1, RequestBasicDeviceListMsg::MSG_ID));
     EXPECT_NE(std::string::npos,
               one.out.find("DeviceManagementServices::deliverMessage() RequestBasicDeviceListMsg from 1000/2\n"));
 }
@@ -119,9 +110,7 @@ TEST_F(HubConsoleConnectorTest, RemovalReachesBothObjectsInOrder) {
 }
 
 TEST_F(HubConsoleConnectorTest, SubscriptionIsRefusedWithAWarning) {
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(hub.subscribeToNotification(1, 3, 1000, true));
     EXPECT_EQ("WARNING: HubConsoleConnector is not suppose to subscribe to any notificvation\n",
-              testing::internal::GetCapturedStderr());
+              testsupport::stderrOf([&] { EXPECT_FALSE(hub.subscribeToNotification(1, 3, 1000, true)); }));
     EXPECT_FALSE(hub.replaceObject(2, nullptr));
 }

@@ -24,17 +24,13 @@ protected:
         writeFile(dir.file("switch-07.dev"), "DUID=switch-07\nID=1002\n");
         writeFile(dir.file("abc.dev"), "DUID=abc\nID=1003\n");
         writeFile(dir.file("ab.dev"), "DUID=ab\nID=1004\n");
-        testing::internal::CaptureStdout();
-        db = std::make_unique<ClientsDatabase>(dir.path());
-        testing::internal::GetCapturedStdout();
+        testsupport::stdoutOf([&] { db = std::make_unique<ClientsDatabase>(dir.path()); });
     }
 
     // Loads `content` as a rules file and returns what it printed on stderr.
     std::string load(MessageSecurityMgr& mgr, const std::string& content) {
         writeFile(dir.file("rules"), content);
-        testing::internal::CaptureStderr();
-        EXPECT_TRUE(mgr.loadSecurityRules(dir.file("rules")));
-        return testing::internal::GetCapturedStderr();
+        return testsupport::stderrOf([&] { EXPECT_TRUE(mgr.loadSecurityRules(dir.file("rules"))); });
     }
 
     TempDir dir;

@@ -103,9 +103,7 @@ TEST_F(ConfigTest, ActivationLoadsEachObjectsRightsFromTheLocalStore) {
     ObjectInfoPack p;
     p.objectNo = 0;
     p.interface = "Light";
-    testing::internal::CaptureStdout();
-    handleObjectInfo(p, device.addr, *dev);
-    std::string out = testing::internal::GetCapturedStdout();
+    std::string out = testsupport::stdoutOf([&] { handleObjectInfo(p, device.addr, *dev); });
     EXPECT_NE(std::string::npos, out.find("istring=acme/Velto/specs/std/Light.1\n"));
     EXPECT_NE(std::string::npos, out.find("Loaded Rights for dev: acme/Lamp.1 iface: Light\n"));
     EXPECT_EQ((std::map<uint16_t, uint8_t>{{3, 2}}), dev->object(0)->msgRights);
@@ -152,9 +150,7 @@ TEST_F(ConfigTest, CompletionCarriesItsOwnPacketNumberAndTheDeviceSequence) {
 TEST_F(ConfigTest, OutOfOrderObjectIsRefusedWithARawByteAndTheNextMissingOneAsked) {
     summary(3, 3);
     EXPECT_EQ(0, requested());
-    testing::internal::CaptureStderr();
-    objectInfo(65);  // 'A'
-    EXPECT_EQ("Failed to setObjectInfo for objectNo=A\n", testing::internal::GetCapturedStderr());
+    EXPECT_EQ("Failed to setObjectInfo for objectNo=A\n", testsupport::stderrOf([&] { objectInfo(65); }));  // 'A'
     EXPECT_EQ(0, requested());
     objectInfo(0);
     EXPECT_EQ(1, requested());

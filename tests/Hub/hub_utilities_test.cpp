@@ -93,8 +93,7 @@ TEST(GetdirTest, ListsAppendsAndReportsErrors) {
     EXPECT_EQ((std::vector<std::string>{".", "..", "kept"}), files);
 
     const std::string missing = dir.file("nope");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ENOENT, getdir(missing, files));
-    EXPECT_EQ("Error(2) opening " + missing + "\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("Error(2) opening " + missing + "\n",
+              testsupport::stdoutOf([&] { EXPECT_EQ(ENOENT, getdir(missing, files)); }));
     EXPECT_EQ(3u, files.size());
 }

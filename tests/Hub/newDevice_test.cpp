@@ -2,40 +2,25 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 #include "Hub/DeviceManager.h"
 #include "Hub/server.h"
 #include "tests/support/hub_harness.h"
+#include "tests/support/wire_bytes.h"
 
 using namespace testsupport;
 
 namespace {
 
-std::string hexOf(const uint8_t* p, size_t n) {
-    std::string s;
-    char two[3];
-    for (size_t i = 0; i < n; ++i) {
-        snprintf(two, sizeof two, "%02x", p[i]);
-        s += two;
-    }
-    return s;
-}
-
 template <size_t N>
 std::string hexOf(const ByteArray<N>& a) {
-    return hexOf(a.data(), a.size());
+    return toHex(a.data(), a.size());
 }
 
 ByteArray<32> bytesOf(std::initializer_list<uint8_t> l) { return ByteArray<32>(l.begin(), l.size()); }
 
-ByteArray<32> filled(size_t n, uint8_t v) {
-    ByteArray<32> a;
-    for (size_t i = 0; i < n; ++i) a[i] = v;
-    a.setSize(n);
-    return a;
-}
+ByteArray<32> filled(size_t n, uint8_t v) { return keyBytes(n, v); }
 
 class NewDeviceTest : public HubFixture {
 protected:
@@ -70,9 +55,8 @@ protected:
 
 TEST_F(NewDeviceTest, NewBornGetsAnOfferAndBecomesANewcomer) {
     SimDevice dev("nd-adopt");
-    startCapture();
-    AdoptionOfferPack offer = announce(dev);
-    CapturedOutput log = endCapture();
+    AdoptionOfferPack offer;
+    CapturedOutput log = outputOf([&] { offer = announce(dev); });
 
     ASSERT_EQ(AdoptionOfferPack::PACK_ID, offer.id);
     EXPECT_EQ(17, offer.hubId);
@@ -115,9 +99,8 @@ TEST_F(NewDeviceTest, RepeatedNewBornReusesTheNewcomerAndSignsWithAMainKey) {
 TEST_F(NewDeviceTest, DomainDifferingByCaseIsRefusedWithoutAnswer) {
     SimDevice dev("nd-case");
     ASSERT_EQ(AdoptionOfferPack::PACK_ID, announce(dev).id);
-    startCapture();
-    JoinAcceptedPack ja = requestJoin(dev, "testdomain_kvz1", 1);
-    CapturedOutput log = endCapture();
+    JoinAcceptedPack ja;
+    CapturedOutput log = outputOf([&] { ja = requestJoin(dev, "testdomain_kvz1", 1); });
 
     EXPECT_EQ(0, ja.id);
     EXPECT_NE(std::string::npos, log.err.find("Refuse join request missmatch domains. requested: testdomain_kvz1 "
@@ -127,9 +110,8 @@ TEST_F(NewDeviceTest, DomainDifferingByCaseIsRefusedWithoutAnswer) {
 
 TEST_F(NewDeviceTest, JoinWithoutAdoptionIsRefused) {
     SimDevice dev("nd-stranger");
-    startCapture();
-    JoinAcceptedPack ja = requestJoin(dev, "TestDomain_KVZ1", 1);
-    CapturedOutput log = endCapture();
+    JoinAcceptedPack ja;
+    CapturedOutput log = outputOf([&] { ja = requestJoin(dev, "TestDomain_KVZ1", 1); });
     EXPECT_EQ(0, ja.id);
     EXPECT_NE(std::string::npos, log.err.find("Refuse join request failed to make device active\n"));
 }
@@ -175,9 +157,8 @@ TEST_F(NewDeviceTest, SessionKeyIsRecoveredWithTheMainKeyAndSaved) {
     nc->record.trust = 3;
 
     const uint64_t clientRand = 987654321;
-    startCapture();
-    JoinAcceptedPack ja = requestJoin(dev, "TestDomain_KVZ1", clientRand, &mainKey, HMAC_SHA1_TYPE);
-    CapturedOutput log = endCapture();
+    JoinAcceptedPack ja;
+    CapturedOutput log = outputOf([&] { ja = requestJoin(dev, "TestDomain_KVZ1", clientRand, &mainKey, HMAC_SHA1_TYPE); });
     ASSERT_EQ(JoinAcceptedPack::PACK_ID, ja.id);
     EXPECT_TRUE(ja.signature.verified());
     EXPECT_EQ(SIMPLE_XOR_TYPE, ja.encAlg);

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/device_sim.h"
+
 namespace {
 
 std::string text(const SockAddress& a) {
@@ -29,12 +31,7 @@ bool parse(const std::string& in, SockAddress& a) {
 // Binds `s` to a loopback address on a free port and returns that address.
 SockAddress bindLoopback(UdpSocket& s, const char* host = "127.0.0.1") {
     EXPECT_TRUE(s.bind(SockAddress(host, 0), false));
-    sockaddr_in sa{};
-    socklen_t len = sizeof(sa);
-    EXPECT_EQ(0, getsockname(s.handle(), reinterpret_cast<sockaddr*>(&sa), &len));
-    SockAddress a;
-    a.setSockAddr(sa);
-    return a;
+    return SockAddress(host, testsupport::boundPort(s));
 }
 
 }  // namespace

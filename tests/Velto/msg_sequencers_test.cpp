@@ -6,6 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/test_support.h"
+
+using testsupport::stderrOf;
+using testsupport::stdoutOf;
+
 namespace {
 
 std::vector<uint8_t> pattern(size_t n) {
@@ -30,7 +35,14 @@ MsgSelector directSelector() {
 class MsgSequencersTest : public ::testing::Test {
 protected:
     void TearDown() override { setClockOffsetForTesting(0); }
+    // Gives s a message of n pattern bytes (kept in msg) under directSelector().
+    void load(MsgSender& s, size_t n) {
+        msg = pattern(n);
+        ASSERT_TRUE(s.setNewMessage(msg.data(), static_cast<uint32_t>(n), directSelector()));
+    }
+    std::vector<uint8_t> msg;
 };
+
 
 // Pulls every piece the sender has now; returns them in order.
 std::vector<MessageCarrierPack> drain(MsgSender& s) {
@@ -77,12 +89,7 @@ TEST_F(MsgSequencersTest, SelectorCopiesToAndFromPacks) {
     s.copyTo(p);
     MsgSelector back;
     back = p;
-    EXPECT_EQ(back.msgCat, s.msgCat);
-    EXPECT_EQ(back.fromDeviceId, s.fromDeviceId);
-    EXPECT_EQ(back.fromObjectNo, s.fromObjectNo);
-    EXPECT_EQ(back.msgId, s.msgId);
-    EXPECT_EQ(back.toDeviceId, s.toDeviceId);
-    EXPECT_EQ(back.toObjectNo, s.toObjectNo);
+    EXPECT_TRUE(back == s);  // category, sender, id, receiver
     EXPECT_EQ(back.msgNo, s.msgNo);
     EXPECT_EQ(back.msgSize, 1234u);
     EXPECT_EQ(back.checksum, 0xDEADBEEFu);
@@ -135,9 +142,8 @@ TEST_F(MsgSequencersTest, PiecesAreAtMost326Bytes) {
 }
 
 TEST_F(MsgSequencersTest, EveryPieceCarriesTheFullSelector) {
-    std::vector<uint8_t> msg = pattern(1000);
     MsgSender s;
-    ASSERT_TRUE(s.setNewMessage(msg.data(), 1000, directSelector()));
+    load(s, 1000);
     std::vector<MessageCarrierPack> pieces = drain(s);
     ASSERT_EQ(pieces.size(), 4u);
     for (const MessageCarrierPack& p : pieces) {
@@ -176,9 +182,8 @@ TEST_F(MsgSequencersTest, SetNewMessageRefusals) {
 }
 
 TEST_F(MsgSequencersTest, AckBeyondHighestByteSentChangesNothing) {
-    std::vector<uint8_t> msg = pattern(1000);
     MsgSender s;
-    ASSERT_TRUE(s.setNewMessage(msg.data(), 1000, directSelector()));
+    load(s, 1000);
     MessageCarrierPack first;
     ASSERT_TRUE(s.getNextPack(first));  // 0..326 out
     EXPECT_FALSE(s.processAck(327, directSelector()));
@@ -190,9 +195,8 @@ TEST_F(MsgSequencersTest, AckBeyondHighestByteSentChangesNothing) {
 }
 
 TEST_F(MsgSequencersTest, AckDrivesResendAndCompletion) {
-    std::vector<uint8_t> msg = pattern(1000);
     MsgSender s;
-    ASSERT_TRUE(s.setNewMessage(msg.data(), 1000, directSelector()));
+    load(s, 1000);
     ASSERT_EQ(drain(s).size(), 4u);
     EXPECT_EQ(s.getStatus(), MsgSender::WAITING_FOR_ACK);
 
@@ -246,18 +250,14 @@ TEST_F(MsgSequencersTest, ProcessAckDiagnostics) {
     std::vector<uint8_t> msg = pattern(20);
     MsgSender s;
 
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(s.processAck(0, directSelector()));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "MsgSender::processAck() bailaou #1\n");
+    EXPECT_EQ(stderrOf([&] { EXPECT_FALSE(s.processAck(0, directSelector())); }), "MsgSender::processAck() bailaou #1\n");
 
     ASSERT_TRUE(s.setNewMessage(msg.data(), 20, directSelector()));
     ASSERT_EQ(drain(s).size(), 1u);
     MsgSelector other = directSelector();
     other.fromDeviceId = 1500;
     other.toObjectNo = 12;
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(s.processAck(20, other));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderrOf([&] { EXPECT_FALSE(s.processAck(20, other)); }),
               "MsgSender::processAck() bailaou #2\n"
               "INF:2 1001/3,42,1002,7\n"
               "MS:2 1500/3,42,1002,12\n");
@@ -268,9 +268,7 @@ TEST_F(MsgSequencersTest, ProcessAckDiagnostics) {
     other.msgCat = 'A';
     other.copyTo(ack);
     ack.lastSeqNo = 20;
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(s.processAck(ack));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+    EXPECT_EQ(stderrOf([&] { EXPECT_FALSE(s.processAck(ack)); }),
               "MsgSender::processAck() bailaou #2\n"
               "INF:\x02,1001,3,42,1002,7\n"
               "MS:A,1500,3,42,1002,12\n");
@@ -278,20 +276,14 @@ TEST_F(MsgSequencersTest, ProcessAckDiagnostics) {
     MessageCarrierACKPack good;
     directSelector().copyTo(good);
     good.lastSeqNo = 20;
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(s.processAck(good));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(stderrOf([&] { EXPECT_TRUE(s.processAck(good)); }), "");
     EXPECT_EQ(s.getStatus(), MsgSender::DONE);
-
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(s.processAck(good));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "MsgSender::processAck() bailaou #1\n");
+    EXPECT_EQ(stderrOf([&] { EXPECT_FALSE(s.processAck(good)); }), "MsgSender::processAck() bailaou #1\n");
 }
 
 TEST_F(MsgSequencersTest, SenderTimesOutAfter250ms) {
-    std::vector<uint8_t> msg = pattern(400);
     MsgSender s;
-    ASSERT_TRUE(s.setNewMessage(msg.data(), 400, directSelector()));
+    load(s, 400);
     ASSERT_EQ(drain(s).size(), 2u);
     EXPECT_EQ(s.getStatus(), MsgSender::WAITING_FOR_ACK);
     setClockOffsetForTesting(1000);
@@ -302,26 +294,22 @@ TEST_F(MsgSequencersTest, SenderTimesOutAfter250ms) {
 }
 
 TEST_F(MsgSequencersTest, FallbackResendsLastPieceAndCountsFailures) {
-    std::vector<uint8_t> msg = pattern(700);
     MsgSender s;
-    ASSERT_TRUE(s.setNewMessage(msg.data(), 700, directSelector()));
+    load(s, 700);
     ASSERT_EQ(drain(s).size(), 3u);  // last piece at 652, 48 bytes
 
-    testing::internal::CaptureStdout();
-    EXPECT_TRUE(s.fallbackToLastSentSequence());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "MsgSender::fallbackToLastSequence(652) \n");
+    EXPECT_EQ(stdoutOf([&] { EXPECT_TRUE(s.fallbackToLastSentSequence()); }),
+              "MsgSender::fallbackToLastSequence(652) \n");
     std::vector<MessageCarrierPack> again = drain(s);
     ASSERT_EQ(again.size(), 1u);
     EXPECT_EQ(again[0].packetStart, 652u);
     EXPECT_EQ(again[0].payload.size(), 48u);
 
-    testing::internal::CaptureStdout();
-    for (int i = 1; i < 10; ++i) s.fallbackToLastSentSequence();
-    testing::internal::GetCapturedStdout();
+    stdoutOf([&] {
+        for (int i = 1; i < 10; ++i) s.fallbackToLastSentSequence();
+    });
     EXPECT_FALSE(s.tooManyFailures());  // 10 failures
-    testing::internal::CaptureStdout();
-    s.fallbackToLastSentSequence();
-    testing::internal::GetCapturedStdout();
+    stdoutOf([&] { s.fallbackToLastSentSequence(); });
     EXPECT_TRUE(s.tooManyFailures());  // 11
 
     // clear keeps the count; only a new message resets it.
@@ -332,9 +320,8 @@ TEST_F(MsgSequencersTest, FallbackResendsLastPieceAndCountsFailures) {
 }
 
 TEST_F(MsgSequencersTest, ResetToLastAckedIsRefusedButCounts) {
-    std::vector<uint8_t> msg = pattern(700);
     MsgSender s;
-    ASSERT_TRUE(s.setNewMessage(msg.data(), 700, directSelector()));
+    load(s, 700);
     ASSERT_EQ(drain(s).size(), 3u);
     ASSERT_TRUE(s.processAck(326, directSelector()));
     // kept quirk: the acknowledgement's time is taken for a position.

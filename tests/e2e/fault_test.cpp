@@ -11,8 +11,6 @@
 // bind mount of one test stays invisible to the rest of the system. Every loop
 // and wait is bounded.
 #include <dirent.h>
-#include <fcntl.h>
-#include <net/if.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -23,7 +21,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -32,13 +29,10 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "Device/DeviceSession.h"
-#include "Velto/platform.h"
+#include "tests/support/device_scenario.h"
 #include "tests/support/device_sim.h"
-#include "tests/support/test_support.h"
 
 using namespace testsupport;
 using device::DeviceSession;
@@ -48,19 +42,6 @@ namespace {
 const SockAddress HUB_ADDR("127.0.0.1", 1881);
 const char* const JOIN_DOMAIN = "TestDomain_KVZ1";
 bool privateMounts = false;  // main() made a private mount namespace
-
-void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
-// True when the only network interface is the loopback.
-bool insidePrivateNetwork() {
-    struct if_nameindex* list = if_nameindex();
-    if (!list) return false;
-    bool onlyLo = true;
-    for (struct if_nameindex* i = list; i->if_index != 0; ++i)
-        if (std::string(i->if_name) != "lo") onlyLo = false;
-    if_freenameindex(list);
-    return onlyLo;
-}
 
 // Names in a directory, "." and ".." left out; empty when it cannot be read.
 std::set<std::string> listDir(const std::string& dir) {
@@ -82,92 +63,14 @@ size_t countOf(const std::string& text, const std::string& part) {
     return n;
 }
 
-// ---------------------------------------------------------------------------
-// The hub as a child process
-
-class HubProcess {
-public:
-    ~HubProcess() { kill9(); }
-
-    // Starts velto-hub in dir with extra environment entries ("NAME=value").
-    bool start(const std::string& dir, const std::vector<std::string>& env = {}) {
-        outPath = dir + "/hub.out";
-        errPath = dir + "/hub.err";
-        // Emptied here, not only in the child: the output of an earlier hub
-        // must not be taken for this one's.
-        if (!writeFile(outPath, "") || !writeFile(errPath, "")) return false;
-        pid = fork();
-        if (pid == 0) {
-            int o = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int e = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (o < 0 || e < 0 || chdir(dir.c_str()) != 0) _exit(126);
-            dup2(o, 1);
-            dup2(e, 2);
-            for (const std::string& kv : env) putenv(const_cast<char*>(kv.c_str()));
-            execl(VELTO_HUB_BIN, VELTO_HUB_BIN, static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        return pid > 0;
-    }
-
-    // Whether the hub has bound its port and joined its group within timeoutMs.
-    bool waitReady(int timeoutMs) const {
-        for (int waited = 0; waited <= timeoutMs; waited += 2) {
-            if (out().find("Successfully joined group\n") != std::string::npos) return true;
-            sleepMs(2);
-        }
-        return false;
-    }
-
-    // True while the process runs (it is reaped when it has ended).
-    bool alive() {
-        if (pid <= 0) return false;
-        int status = 0;
-        if (waitpid(pid, &status, WNOHANG) == pid) {
-            pid = -1;
-            return false;
-        }
-        return true;
-    }
-
-    void kill9() {
-        if (pid <= 0) return;
-        ::kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        pid = -1;
-    }
-
-    // SIGTERM; the exit status, or -1 when it did not exit normally in time.
-    int stop(int timeoutMs) {
-        if (pid <= 0) return -1;
-        ::kill(pid, SIGTERM);
-        for (int waited = 0; waited <= timeoutMs; waited += 5) {
-            int status = 0;
-            if (waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            }
-            sleepMs(5);
-        }
-        return -1;
-    }
-
-    // A "Vm..." figure of /proc/<pid>/status in kB, -1 when unreadable.
-    long vmKb(const std::string& field) const {
-        std::istringstream in(readFile("/proc/" + std::to_string(pid) + "/status"));
-        std::string line;
-        while (std::getline(in, line))
-            if (line.compare(0, field.size() + 1, field + ":") == 0) return std::stol(line.substr(field.size() + 1));
-        return -1;
-    }
-
-    std::string out() const { return readFile(outPath); }
-    std::string err() const { return readFile(errPath); }
-
-private:
-    pid_t pid = -1;
-    std::string outPath, errPath;
-};
+// A "Vm..." figure of /proc/<pid>/status in kB, -1 when unreadable.
+long vmKb(pid_t pid, const std::string& field) {
+    std::istringstream in(readFile("/proc/" + std::to_string(pid) + "/status"));
+    std::string line;
+    while (std::getline(in, line))
+        if (line.compare(0, field.size() + 1, field + ":") == 0) return std::stol(line.substr(field.size() + 1));
+    return -1;
+}
 
 // ---------------------------------------------------------------------------
 // Record files
@@ -203,101 +106,44 @@ std::string recordText(const std::string& duid, DeviceID id, const std::string& 
 }
 
 // ---------------------------------------------------------------------------
-// Well-behaved devices: device library sessions, all pumped by one loop
+// The fixture: the hub in a working directory with DB, and well-behaved
+// devices (device library sessions, all pumped by one loop)
 
-class Fleet {
-public:
-    struct Member {
-        DeviceSession session;
-        std::vector<std::vector<uint8_t>> received;
-        explicit Member(const device::DeviceConfig& c, const device::SessionTiming& t) : session(c, t) {
-            session.onMessage([this](const device::IncomingMessage& m) { received.push_back(m.data); });
-        }
-    };
+class FaultTest : public DeviceScenarioFixture {
+protected:
+    void startHub(const std::vector<std::string>& env = {}) {
+        ASSERT_TRUE(hub.start({VELTO_HUB_BIN}, work.path(), "hub", env));
+        ASSERT_TRUE(hub.waitForOutput("Successfully joined group\n", 5000)) << hub.out() << hub.err();
+    }
 
     // A device with two objects and a short specification identifier (nothing
     // is downloaded for it). It pings a hub silent for 300 ms and gives the
     // session up after 4000 ms without an answer.
     DeviceSession& add(const std::string& duid) {
-        device::DeviceConfig c;
-        c.duid = duid;
-        c.specs = "t1";
-        c.discover = false;
-        c.hub = HUB_ADDR;
-        c.objects = {device::DeviceObject{"obj0", "", 0, 0}, device::DeviceObject{"obj1", "", 0, 0}};
         device::SessionTiming t;
         t.pingAfterMs = 300;
         t.lostAfterMs = 4000;
-        members.emplace_back(new Member(c, t));
-        return members.back()->session;
-    }
-    Member& operator[](size_t i) { return *members[i]; }
-
-    template <class Pred>
-    bool pumpUntil(Pred pred, int timeoutMs) {
-        const Timestamp end = currentTime() + static_cast<Timestamp>(timeoutMs);
-        while (!pred()) {
-            if (currentTime() >= end) return false;
-            for (auto& m : members)
-                if (m->session.state() != DeviceSession::State::IDLE) m->session.poll(2);
-        }
-        return true;
-    }
-    void pumpFor(int ms) { pumpUntil([] { return false; }, ms); }
-
-    // Starts the sessions not yet started; true when all are READY in time.
-    bool joinAll(int timeoutMs) {
-        for (auto& m : members)
-            if (m->session.state() == DeviceSession::State::IDLE && !m->session.start()) return false;
-        return pumpUntil([this] { return allReady(); }, timeoutMs);
-    }
-    bool allReady() const {
-        for (auto& m : members)
-            if (m->session.state() != DeviceSession::State::READY) return false;
-        return true;
+        return device(config(duid), t);
     }
 
     // A direct message from device `from` (object 1) to object 0 of device
     // `to`; true when it arrived intact and its delivery was confirmed.
     bool relay(size_t from, size_t to, size_t size, int timeoutMs = 5000) {
-        std::vector<uint8_t> body(size);
-        for (size_t i = 0; i < size; ++i) body[i] = static_cast<uint8_t>(i * 13 + relays);
-        ++relays;
-        Member& dst = *members[to];
-        const size_t before = dst.received.size();
-        int64_t no = members[from]->session.sendDirect(dst.session.nodeId(), 0, 9, body, 1);
+        std::vector<uint8_t> body = pattern(size, static_cast<uint8_t>(relays++));
+        Recorder& dst = rec(to);
+        const size_t before = dst.messages.size();
+        int64_t no = rec(from).session.sendDirect(dst.session.nodeId(), 0, 9, body, 1);
         bool delivered = false;
         if (no < 0) return false;
-        members[from]->session.onDelivery([&](const device::DeliveryResult& r) {
+        rec(from).session.onDelivery([&](const device::DeliveryResult& r) {
             if (r.msgNo == static_cast<MessageNo>(no)) delivered = r.delivered;
         });
-        bool ok = pumpUntil([&] { return delivered && dst.received.size() > before; }, timeoutMs);
-        members[from]->session.onDelivery(nullptr);
-        return ok && dst.received.back() == body;
-    }
-
-private:
-    std::vector<std::unique_ptr<Member>> members;
-    int relays = 0;
-};
-
-// ---------------------------------------------------------------------------
-// The fixture: a working directory with DB, and the hub
-
-class FaultTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!insidePrivateNetwork()) GTEST_SKIP() << "run inside a private network namespace (tests/netns.sh)";
-        ASSERT_EQ(0, mkdir(db().c_str(), 0755));
-    }
-
-    void startHub(const std::vector<std::string>& env = {}) {
-        ASSERT_TRUE(hub.start(work.path(), env));
-        ASSERT_TRUE(hub.waitReady(5000)) << hub.out() << hub.err();
+        bool ok = pumpUntil([&] { return delivered && dst.messages.size() > before; }, timeoutMs);
+        rec(from).session.onDelivery(nullptr);
+        return ok && dst.messages.back().data == body;
     }
 
     std::string db() const { return work.file("DB"); }
-    std::string recordPath(const std::string& duid) const { return db() + "/" + duid + ".dev"; }
 
     // Every file of dir with its content.
     std::map<std::string, std::string> snapshot(const std::string& dir) const {
@@ -306,8 +152,7 @@ protected:
         return s;
     }
 
-    TempDir work;
-    HubProcess hub;
+    int relays = 0;
 };
 
 }  // namespace
@@ -479,7 +324,7 @@ TEST_F(FaultTest, KilledWhileWritingRecordsEveryFileStaysWhole) {
     }
     EXPECT_TRUE(pending.empty()) << pending.size() << " records not written, " << pending.front();
     EXPECT_EQ(0u, strayTemporaries());
-    EXPECT_EQ(0, hub.stop(3000));
+    EXPECT_EQ(0, hub.terminate(3000));
     for (const std::string& duid : duids) {
         Fields f;
         EXPECT_TRUE(parseFullRecord(readFile(recordPath(duid)), f)) << duid;
@@ -497,6 +342,13 @@ const int FLOOD_DUIDS = 64;  // announcements and joins mostly reuse these
 const long FLOOD_MEMORY_BOUND_KB = 5 * 1024;  // growth of the hub's resident memory allowed
 
 uint64_t random64(std::mt19937& rng) { return (static_cast<uint64_t>(rng()) << 32) | rng(); }
+
+// Gives every field a random value of its whole range.
+template <typename... T>
+void randomize(std::mt19937& rng, T&... fields) {
+    int unused[] = {0, (fields = static_cast<T>(sizeof(T) == 8 ? random64(rng) : rng()), 0)...};
+    (void)unused;
+}
 
 // Up to maxLen random bytes, none of them NUL.
 std::string randomText(std::mt19937& rng, size_t maxLen) {
@@ -532,7 +384,7 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             auto p = std::make_unique<NewBornDevicePack>();
             p->duid = duid;
             p->specs = randomText(rng, 2);  // too short to be fetched
-            p->intVer = static_cast<uint8_t>(rng());
+            randomize(rng, p->intVer);
             p->prevn = randomText(rng, 32);
             p->prevdom = randomText(rng, 32);
             return p;
@@ -542,41 +394,31 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             p->duid = duid;
             p->nname = randomText(rng, 32);
             p->domain = rng() % 2 ? std::string(JOIN_DOMAIN) : randomText(rng, 32);
-            p->generalFlags = static_cast<uint8_t>(rng());
-            p->clientRand = random64(rng);
+            randomize(rng, p->generalFlags, p->clientRand, p->hubPortNo);
             p->addrType = static_cast<uint8_t>(rng() % 7);
-            p->hubPortNo = static_cast<uint16_t>(rng());
             p->addrValue = randomBytes<32>(rng);
             return p;
         }
         case ConfigSummaryPack::PACK_ID: {
             auto p = std::make_unique<ConfigSummaryPack>();
             p->duid = duid;
-            p->noOfObjects = static_cast<uint8_t>(rng());
-            p->maxNoOfObjects = static_cast<uint8_t>(rng());
-            p->maxPacketSize = static_cast<uint16_t>(rng());
-            p->maxMessageSize = rng();
-            p->maxNoOfDirectUsers = static_cast<uint16_t>(rng());
-            p->random = random64(rng);
+            randomize(rng, p->noOfObjects, p->maxNoOfObjects, p->maxPacketSize, p->maxMessageSize,
+                      p->maxNoOfDirectUsers, p->random);
             return p;
         }
         case ObjectInfoPack::PACK_ID: {
             auto p = std::make_unique<ObjectInfoPack>();
             p->objectNo = static_cast<uint8_t>(rng() % 4);
-            p->groupNo = static_cast<uint8_t>(rng());
-            p->ifaceType = static_cast<uint8_t>(rng());
+            randomize(rng, p->groupNo, p->ifaceType, p->nParam1, p->lnParam);
             p->name = randomText(rng, 32);
             p->interface = randomText(rng, 32);
-            p->nParam1 = rng();
             p->sParam1 = randomText(rng, 32);
-            p->lnParam = random64(rng);
             return p;
         }
         case PingPongPack::PACK_ID: {
             auto p = std::make_unique<PingPongPack>();
             p->pingOrPong = static_cast<uint8_t>(rng() % 3);
-            p->replyKey = random64(rng);
-            p->random = random64(rng);
+            randomize(rng, p->replyKey, p->random);
             return p;
         }
         case MessageCarrierPack::PACK_ID: {
@@ -584,14 +426,12 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             p->msgCat = static_cast<uint8_t>(rng() % 4);
             p->fromDeviceId = floodNodeId(rng, spared);
             p->fromObjectNo = static_cast<uint8_t>(rng() % 3);
-            p->msgId = static_cast<MessageID>(rng());
+            randomize(rng, p->msgId, p->commands, p->checksum);
             p->toDeviceId = rng() % 8 ? floodNodeId(rng, spared) : 1;
             p->toObjectNo = static_cast<uint8_t>(rng() % 3);
             p->msgNo = rng() % 16;
             p->packetStart = rng() % 2 ? 0 : rng() % 4096;
             p->msgSize = rng() % 2 ? rng() % 4096 : rng();
-            p->commands = static_cast<uint8_t>(rng());
-            p->checksum = rng();
             p->payload = randomBytes<326>(rng);
             return p;
         }
@@ -608,13 +448,13 @@ std::unique_ptr<VeltoPacket> floodPack(PacketID id, std::mt19937& rng, const std
             auto p = std::make_unique<NotificationSubscriptionPack>();
             p->nodeId = rng() % 2 ? floodNodeId(rng, spared) : static_cast<DeviceID>(rng() % 3);
             p->objectNo = static_cast<uint8_t>(rng() % 4);
-            p->eventId = static_cast<uint16_t>(rng());
+            randomize(rng, p->eventId);
             p->subscribe = static_cast<uint8_t>(rng() % 3);
             return p;
         }
         case MessageErrorPack::PACK_ID: {
             auto p = std::make_unique<MessageErrorPack>();
-            p->errorCode = rng();
+            randomize(rng, p->errorCode);
             p->toNodeId = floodNodeId(rng, spared);
             p->optErorMsg = randomText(rng, 32);
             return p;
@@ -690,26 +530,25 @@ pid_t startFlood(int count, int perMs, unsigned seed, const std::set<DeviceID>& 
 TEST_F(FaultTest, FloodLeavesTheHubServingWithBoundedMemory) {
     startHub();
     if (HasFatalFailure()) return;
-    Fleet fleet;
-    fleet.add("fl-good-a");
-    fleet.add("fl-good-b");
-    ASSERT_TRUE(fleet.joinAll(8000)) << fleet[0].session.lastError() << hub.err();
-    ASSERT_TRUE(fleet.relay(0, 1, 700));
-    fleet.pumpFor(1200);  // past a clean-up pass
-    const long baseRss = hub.vmKb("VmRSS");
+    add("fl-good-a");
+    add("fl-good-b");
+    ASSERT_TRUE(joinAll(8000)) << rec(0).session.lastError() << hub.err();
+    ASSERT_TRUE(relay(0, 1, 700));
+    pumpFor(1200);  // past a clean-up pass
+    const long baseRss = vmKb(hub.id(), "VmRSS");
 
     const unsigned seed = static_cast<unsigned>(currentTime());
     SCOPED_TRACE("random seed " + std::to_string(seed));
     const Timestamp began = currentTime();
-    pid_t flood = startFlood(FLOOD_DATAGRAMS, 20, seed, {fleet[0].session.nodeId(), fleet[1].session.nodeId()});
+    pid_t flood = startFlood(FLOOD_DATAGRAMS, 20, seed, {rec(0).session.nodeId(), rec(1).session.nodeId()});
     ASSERT_GT(flood, 0);
     int status = -1;
     long peakRss = baseRss;
     Timestamp nextSample = 0;
-    bool ended = fleet.pumpUntil(
+    bool ended = pumpUntil(
         [&] {
             if (currentTime() >= nextSample) {
-                peakRss = std::max(peakRss, hub.vmKb("VmRSS"));
+                peakRss = std::max(peakRss, vmKb(hub.id(), "VmRSS"));
                 nextSample = currentTime() + 50;
             }
             return waitpid(flood, &status, WNOHANG) == flood;
@@ -722,18 +561,18 @@ TEST_F(FaultTest, FloodLeavesTheHubServingWithBoundedMemory) {
     const Timestamp floodMs = currentTime() - began;
     ASSERT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the flood was not sent whole";
 
-    fleet.pumpFor(1500);  // the hub works off what is queued; a clean-up pass follows
+    pumpFor(1500);  // the hub works off what is queued; a clean-up pass follows
     ASSERT_TRUE(hub.alive()) << hub.err().substr(0, 2000);
-    EXPECT_TRUE(fleet.allReady()) << fleet[0].session.lastError() << fleet[1].session.lastError();
-    EXPECT_TRUE(fleet.relay(0, 1, 1000));
-    EXPECT_TRUE(fleet.relay(1, 0, 200));
+    EXPECT_TRUE(allReady()) << rec(0).session.lastError() << rec(1).session.lastError();
+    EXPECT_TRUE(relay(0, 1, 1000));
+    EXPECT_TRUE(relay(1, 0, 200));
     // Left alone longer than a session survives without an answer: the hub
     // answered their pings.
-    fleet.pumpFor(4500);
-    EXPECT_TRUE(fleet.allReady()) << fleet[0].session.lastError() << fleet[1].session.lastError();
-    EXPECT_TRUE(fleet.relay(1, 0, 3000));
+    pumpFor(4500);
+    EXPECT_TRUE(allReady()) << rec(0).session.lastError() << rec(1).session.lastError();
+    EXPECT_TRUE(relay(1, 0, 3000));
 
-    const long endRss = hub.vmKb("VmRSS"), hwm = hub.vmKb("VmHWM");
+    const long endRss = vmKb(hub.id(), "VmRSS"), hwm = vmKb(hub.id(), "VmHWM");
     const std::string out = hub.out();
     printf("flood of %d datagrams in %llu ms (%zu announcements handled); hub VmRSS %ld kB before, %ld kB peak, "
            "%ld kB after; VmHWM %ld kB\n",
@@ -807,27 +646,26 @@ TEST_P(DbOutageTest, RelayGoesOnNothingWrittenIsLostAndWritingResumes) {
     ASSERT_TRUE(writeFile(recordPath("sleeper"), sleeper));
     startHub({"VELTO_FLUSH_INTERVAL_MS=100"});
     if (HasFatalFailure()) return;
-    Fleet fleet;
-    fleet.add("out-a");
-    fleet.add("out-b");
-    ASSERT_TRUE(fleet.joinAll(8000)) << fleet[0].session.lastError() << hub.err();
-    ASSERT_TRUE(fleet.relay(0, 1, 500));
-    ASSERT_TRUE(fleet.pumpUntil([&] { return toDeviceSequence("out-a") > 0 && toDeviceSequence("out-b") > 0; }, 3000))
+    add("out-a");
+    add("out-b");
+    ASSERT_TRUE(joinAll(8000)) << rec(0).session.lastError() << hub.err();
+    ASSERT_TRUE(relay(0, 1, 500));
+    ASSERT_TRUE(pumpUntil([&] { return toDeviceSequence("out-a") > 0 && toDeviceSequence("out-b") > 0; }, 3000))
         << "the flush did not write the counters";
 
     DbOutage outage(GetParam(), db());
     ASSERT_TRUE(outage.begin()) << strerror(errno);
-    fleet.pumpFor(50);  // a write under way when the outage began has ended
+    pumpFor(50);  // a write under way when the outage began has ended
     const auto before = snapshot(outage.filesDir());
 
     // Relaying goes on both ways, and a new device joins, while every write
     // (its record, the flushes) fails.
-    EXPECT_TRUE(fleet.relay(0, 1, 900));
-    EXPECT_TRUE(fleet.relay(1, 0, 300));
-    fleet.add("out-c");
-    ASSERT_TRUE(fleet.joinAll(8000)) << fleet[2].session.lastError() << hub.err();
-    EXPECT_TRUE(fleet.relay(2, 0, 400));
-    fleet.pumpFor(500);  // several flushes
+    EXPECT_TRUE(relay(0, 1, 900));
+    EXPECT_TRUE(relay(1, 0, 300));
+    add("out-c");
+    ASSERT_TRUE(joinAll(8000)) << rec(2).session.lastError() << hub.err();
+    EXPECT_TRUE(relay(2, 0, 400));
+    pumpFor(500);  // several flushes
     EXPECT_TRUE(hub.alive());
     EXPECT_EQ(before, snapshot(outage.filesDir()));
     if (GetParam() == Outage::MovedAway) {
@@ -839,17 +677,17 @@ TEST_P(DbOutageTest, RelayGoesOnNothingWrittenIsLostAndWritingResumes) {
     const long seqA = std::atol(before.at("out-a.dev").substr(before.at("out-a.dev").find("SEQUENCES=") + 10).c_str());
     const long seqB = std::atol(before.at("out-b.dev").substr(before.at("out-b.dev").find("SEQUENCES=") + 10).c_str());
     Fields c;
-    EXPECT_TRUE(fleet.pumpUntil(
+    EXPECT_TRUE(pumpUntil(
         [&] {
             return toDeviceSequence("out-a") > seqA && toDeviceSequence("out-b") > seqB &&
                    parseFullRecord(readFile(recordPath("out-c")), c);
         },
         5000))
         << "writing did not resume";
-    EXPECT_EQ(std::to_string(fleet[2].session.nodeId()), c["ID"]);
+    EXPECT_EQ(std::to_string(rec(2).session.nodeId()), c["ID"]);
     EXPECT_EQ(sleeper, readFile(recordPath("sleeper")));
     EXPECT_EQ((std::set<std::string>{"out-a.dev", "out-b.dev", "out-c.dev", "sleeper.dev"}), listDir(db()));
-    EXPECT_TRUE(fleet.relay(1, 2, 100));
+    EXPECT_TRUE(relay(1, 2, 100));
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, DbOutageTest, ::testing::Values(Outage::ReadOnlyMount, Outage::MovedAway),
@@ -921,11 +759,10 @@ TEST_F(FaultTest, HostileDuidsWriteNothingOutsideDb) {
     uint8_t answer[MAX_PACKET_SIZE];
     EXPECT_GT(raw.recvWithTo(answer, sizeof answer, nullptr, 2000), 0) << "no offer for the overlong DUID";
 
-    Fleet fleet;  // the hub serves well-behaved devices all the same
-    fleet.add("hd-a");
-    fleet.add("hd-b");
-    ASSERT_TRUE(fleet.joinAll(8000)) << hub.err();
-    EXPECT_TRUE(fleet.relay(0, 1, 600));
+    add("hd-a");  // the hub serves well-behaved devices all the same
+    add("hd-b");
+    ASSERT_TRUE(joinAll(8000)) << hub.err();
+    EXPECT_TRUE(relay(0, 1, 600));
     ASSERT_TRUE(hub.alive());
 
     std::set<std::string> expected = {"hd-a.dev", "hd-b.dev", "victim.dev", overlong + ".dev"};
@@ -940,7 +777,7 @@ TEST_F(FaultTest, HostileDuidsWriteNothingOutsideDb) {
     }
 
     // A restarted hub reads the odd but plain names back.
-    ASSERT_EQ(0, hub.stop(3000));
+    ASSERT_EQ(0, hub.terminate(3000));
     startHub();
     if (HasFatalFailure()) return;
     for (const std::string& duid : plain) EXPECT_NE(std::string::npos, hub.out().find("add to map " + duid + " -- ")) << duid;

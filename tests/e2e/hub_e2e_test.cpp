@@ -4,21 +4,17 @@
 // multicast group at start. The hub binary comes as the first argument or in
 // the environment variable VELTO_HUB. Every wait is bounded.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "Velto/Interfaces/DeviceManagementInterface.h"
+#include "tests/support/child_process.h"
 #include "tests/support/device_sim.h"
 #include "tests/support/test_support.h"
+#include "tests/support/wire_bytes.h"
 
 using namespace testsupport;
 
@@ -30,92 +26,19 @@ const uint32_t WAIT_MS = 2000;  // per expected packet or log line
 
 typedef std::chrono::steady_clock Clock;
 
-std::string hexOf(const ByteArray<32>& a) {
-    std::string s;
-    char two[3];
-    for (size_t i = 0; i < a.size(); ++i) {
-        snprintf(two, sizeof two, "%02x", a[i]);
-        s += two;
-    }
-    return s;
-}
+std::string hexOf(const ByteArray<32>& a) { return toHex(a.data(), a.size()); }
 
-ByteArray<32> filled(size_t n, uint8_t v) {
-    ByteArray<32> a;
-    for (size_t i = 0; i < n; ++i) a[i] = v;
-    a.setSize(n);
-    return a;
-}
+ByteArray<32> filled(size_t n, uint8_t v) { return keyBytes(n, v); }
 
 uint32_t millisecondsLeft(Clock::time_point deadline) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return left > 0 ? static_cast<uint32_t>(left) : 0;
 }
 
-// The hub daemon as a child process with its output in files.
-class HubProcess {
-public:
-    ~HubProcess() { kill(SIGKILL); }
-
-    bool start(const std::string& workDir) {
-        outPath = workDir + "/hub.out";
-        errPath = workDir + "/hub.err";
-        pid = fork();
-        if (pid == 0) runChild(workDir);
-        return pid > 0;
-    }
-
-    // Sends sig and waits up to timeoutMs; the exit status, or -1 when the hub
-    // did not exit normally in time.
-    int stop(int sig, uint32_t timeoutMs) {
-        if (pid <= 0) return -1;
-        ::kill(pid, sig);
-        auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        int status = 0;
-        while (Clock::now() < deadline) {
-            if (waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return -1;
-    }
-
-    void kill(int sig) {
-        if (pid <= 0) return;
-        ::kill(pid, sig);
-        waitpid(pid, nullptr, 0);
-        pid = -1;
-    }
-
-    std::string out() const { return readFile(outPath); }
-    std::string err() const { return readFile(errPath); }
-
-    // Whether text shows up in the hub's standard output (or error) in time.
-    bool waitFor(const std::string& text, bool inErr = false, uint32_t timeoutMs = WAIT_MS) const {
-        auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        do {
-            if ((inErr ? err() : out()).find(text) != std::string::npos) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        } while (Clock::now() < deadline);
-        return false;
-    }
-
-private:
-    [[noreturn]] void runChild(const std::string& workDir) {
-        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (out < 0 || err < 0 || chdir(workDir.c_str()) != 0) _exit(127);
-        dup2(out, STDOUT_FILENO);
-        dup2(err, STDERR_FILENO);
-        execl(hubBinary.c_str(), hubBinary.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-
-    pid_t pid = -1;
-    std::string outPath, errPath;
-};
+// Whether text shows up in the hub's standard output (or error) in time.
+bool waitFor(const ChildProcess& hub, const std::string& text, bool inErr = false) {
+    return hub.waitForOutput(text, WAIT_MS, inErr);
+}
 
 class HubE2E : public ::testing::Test {
 protected:
@@ -124,11 +47,11 @@ protected:
         ASSERT_EQ(0, mkdir(dir.file("DB").c_str(), 0755));
         provisionLamp();
         started = Clock::now();
-        ASSERT_TRUE(hub.start(dir.path()));
-        ASSERT_TRUE(hub.waitFor("Successfully joined group\n")) << hub.out() << hub.err();
+        ASSERT_TRUE(hub.start({hubBinary}, dir.path(), "hub"));
+        ASSERT_TRUE(waitFor(hub, "Successfully joined group\n")) << hub.out() << hub.err();
     }
 
-    void TearDown() override { hub.kill(SIGKILL); }
+    void TearDown() override { hub.kill9(); }
 
     // The lamp is known before the hub starts: a record with a main key, HMAC-SHA1
     // signatures and XOR transport, no session key yet.
@@ -228,7 +151,7 @@ protected:
     }
 
     TempDir dir;
-    HubProcess hub;
+    ChildProcess hub;
     Clock::time_point started;
     const SockAddress hubAddr = SockAddress("127.0.0.1", 1881);
     const ByteArray<32> lampKey = filled(16, 0xa5);
@@ -246,7 +169,7 @@ Bytes pattern(size_t n, uint8_t seed) {
 }  // namespace
 
 TEST_F(HubE2E, ProvisionedDeviceIsAdoptedAndJoinsUnderItsMainKey) {
-    EXPECT_TRUE(hub.waitFor("add to map e2e-lamp -- 1500 next=1501\n"));
+    EXPECT_TRUE(waitFor(hub, "add to map e2e-lamp -- 1500 next=1501\n"));
     AdoptionOfferPack offer = adopt(lamp, lampKey, HMAC_SHA1_TYPE);
     ASSERT_EQ(AdoptionOfferPack::PACK_ID, offer.id);
     EXPECT_TRUE(offer.signature.verified());
@@ -263,9 +186,9 @@ TEST_F(HubE2E, ProvisionedDeviceIsAdoptedAndJoinsUnderItsMainKey) {
     EXPECT_NE(std::string::npos, readFile(recordPath("e2e-lamp")).find("SESSION_KEY=" + hexOf(lamp.sessionKey) + "\n"));
 
     const std::string port = std::to_string(lamp.address().port());
-    EXPECT_TRUE(hub.waitFor("New Baby born at:127.0.0.1/" + port + " DUID=e2e-lamp, SPECS=sp VER=3\n"));
-    EXPECT_TRUE(hub.waitFor("Adopting client:127.0.0.1/" + port + " DUID=e2e-lamp joins the networkTestDomain_KVZ1"));
-    EXPECT_TRUE(hub.waitFor("Sending join acceptance \x04 to [127.0.0.1]:" + port + " sessionKey[32]: " +
+    EXPECT_TRUE(waitFor(hub, "New Baby born at:127.0.0.1/" + port + " DUID=e2e-lamp, SPECS=sp VER=3\n"));
+    EXPECT_TRUE(waitFor(hub, "Adopting client:127.0.0.1/" + port + " DUID=e2e-lamp joins the networkTestDomain_KVZ1"));
+    EXPECT_TRUE(waitFor(hub, "Sending join acceptance \x04 to [127.0.0.1]:" + port + " sessionKey[32]: " +
                             hexOf(lamp.sessionKey) + "\n"));
 }
 
@@ -284,8 +207,8 @@ TEST_F(HubE2E, FreshDeviceJoinsUnderTheClearedKeyAndIsConfigured) {
     ConfigurationCompletePack done = configure(sw, 2);
     ASSERT_EQ(ConfigurationCompletePack::PACK_ID, done.id);
     EXPECT_EQ(done.packetNo, done.hub2DevSequence);
-    EXPECT_TRUE(hub.waitFor("DBG: Packet ID 16 sz="));
-    EXPECT_TRUE(hub.waitFor(" signature type: 1 verified: 1\n"));
+    EXPECT_TRUE(waitFor(hub, "DBG: Packet ID 16 sz="));
+    EXPECT_TRUE(waitFor(hub, " signature type: 1 verified: 1\n"));
 }
 
 TEST_F(HubE2E, DirectMessagesAreRelayedBothWays) {
@@ -305,7 +228,7 @@ TEST_F(HubE2E, DirectMessagesAreRelayedBothWays) {
     EXPECT_EQ(lamp.nodeId, ms.fromDeviceId);
     EXPECT_EQ(1, ms.toObjectNo);
     EXPECT_EQ(40, ms.msgId);
-    EXPECT_TRUE(hub.waitFor("Received Message ack for seqNo=500"));
+    EXPECT_TRUE(waitFor(hub, "Received Message ack for seqNo=500"));
 
     // And back: switch object 1 -> lamp object 0.
     const Bytes toLamp = pattern(100, 9);
@@ -351,7 +274,7 @@ TEST_F(HubE2E, DeviceListQueryIsAnsweredByNodeOne) {
     EXPECT_EQ(std::string("e2e-switch"), list.devList[1].duid.str());
     EXPECT_EQ(1, list.devList[2].id);
     EXPECT_EQ(std::string("HubMainServices"), list.devList[2].nname.str());
-    EXPECT_TRUE(hub.waitFor("DeviceManagementServices::deliverMessage() RequestBasicDeviceListMsg from 1500/0\n"));
+    EXPECT_TRUE(waitFor(hub, "DeviceManagementServices::deliverMessage() RequestBasicDeviceListMsg from 1500/0\n"));
 }
 
 TEST_F(HubE2E, BadDatagramsAreLoggedAndServiceGoesOn) {
@@ -364,8 +287,8 @@ TEST_F(HubE2E, BadDatagramsAreLoggedAndServiceGoesOn) {
     ConfigSummaryPack summary = stranger.configSummary(1);
     stranger.send(hubAddr, summary);
 
-    EXPECT_TRUE(hub.waitFor(" received too small packet to deserialize id 5 bytes\n", true));
-    EXPECT_TRUE(hub.waitFor("handleConnectedMsgs(): Failed to get client for nodeId=777 msgId=\n from [127.0.0.1]:" +
+    EXPECT_TRUE(waitFor(hub, " received too small packet to deserialize id 5 bytes\n", true));
+    EXPECT_TRUE(waitFor(hub, "handleConnectedMsgs(): Failed to get client for nodeId=777 msgId=\n from [127.0.0.1]:" +
                                 std::to_string(stranger.address().port()) + "\n",
                             true));
     EXPECT_EQ(AdoptionOfferPack::PACK_ID, adopt(stranger, clearedKey, NO_SIGNATURE_TYPE).id);
@@ -382,7 +305,7 @@ TEST_F(HubE2E, SigtermExitsZeroWithRecordsFlushed) {
         EXPECT_NE(std::string::npos, readFile(recordPath("e2e-lamp")).find("SEQUENCES=0 0\n"));
     }
 
-    EXPECT_EQ(0, hub.stop(SIGTERM, WAIT_MS));
+    EXPECT_EQ(0, hub.terminate(WAIT_MS));
     EXPECT_NE(std::string::npos, readFile(recordPath("e2e-lamp")).find("SEQUENCES=2 0\n"));
     EXPECT_NE(std::string::npos, hub.out().find("Received Config Summary. No of objects=1"));
     EXPECT_EQ(std::string::npos, hub.err().find("Error while receiving"));
@@ -391,10 +314,10 @@ TEST_F(HubE2E, SigtermExitsZeroWithRecordsFlushed) {
 TEST_F(HubE2E, SecondHubOnTheSamePortExitsWithOne) {
     TempDir other;
     ASSERT_EQ(0, mkdir(other.file("DB").c_str(), 0755));
-    HubProcess second;
-    ASSERT_TRUE(second.start(other.path()));
-    EXPECT_TRUE(second.waitFor("Failed to bind\n"));
-    EXPECT_EQ(1, second.stop(0, WAIT_MS));  // signal 0: only wait for the exit
+    ChildProcess second;
+    ASSERT_TRUE(second.start({hubBinary}, other.path(), "hub"));
+    EXPECT_TRUE(waitFor(second, "Failed to bind\n"));
+    EXPECT_EQ(1, second.waitExit(WAIT_MS));
     EXPECT_EQ(std::string::npos, second.out().find("Successfully bind"));
 }
 

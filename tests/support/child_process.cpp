@@ -19,8 +19,9 @@ constexpr int WAIT_SLICE_MS = 20;
 
 // In the child: standard input from the pipe, output to the two files, then
 // the program. Never returns.
-[[noreturn]] void execChild(const std::vector<std::string>& argv, const std::string& dir, int in[2],
-                            const std::string& outPath, const std::string& errPath) {
+[[noreturn]] void execChild(const std::vector<std::string>& argv, const std::string& dir,
+                            const std::vector<std::string>& env, int in[2], const std::string& outPath,
+                            const std::string& errPath) {
     dup2(in[0], 0);
     int o = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int e = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -30,6 +31,7 @@ constexpr int WAIT_SLICE_MS = 20;
     close(in[0]);
     close(in[1]);
     if (chdir(dir.c_str()) != 0) _exit(126);
+    for (const std::string& kv : env) putenv(const_cast<char*>(kv.c_str()));
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
@@ -51,11 +53,13 @@ bool insidePrivateNetwork() {
 
 void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
-bool ChildProcess::start(const std::vector<std::string>& argv, const std::string& dir, const std::string& name) {
+bool ChildProcess::start(const std::vector<std::string>& argv, const std::string& dir, const std::string& name,
+                         const std::vector<std::string>& env) {
     if (pid > 0 || argv.empty()) return false;
     closeInput();
     outPath = dir + "/" + name + ".out";
     errPath = dir + "/" + name + ".err";
+    if (!writeFile(outPath, "") || !writeFile(errPath, "")) return false;
     int in[2];
     if (pipe(in) != 0) return false;
     pid = fork();
@@ -64,7 +68,7 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const std::string
         close(in[1]);
         return false;
     }
-    if (pid == 0) execChild(argv, dir, in, outPath, errPath);
+    if (pid == 0) execChild(argv, dir, env, in, outPath, errPath);
     close(in[0]);
     stdinFd = in[1];
     return true;
@@ -84,9 +88,9 @@ std::string ChildProcess::out() const { return outPath.empty() ? "" : readFile(o
 
 std::string ChildProcess::err() const { return errPath.empty() ? "" : readFile(errPath); }
 
-bool ChildProcess::waitForOutput(const std::string& text, int timeoutMs) const {
+bool ChildProcess::waitForOutput(const std::string& text, int timeoutMs, bool inErr) const {
     for (int waited = 0; waited <= timeoutMs; waited += WAIT_SLICE_MS) {
-        if (out().find(text) != std::string::npos) return true;
+        if ((inErr ? err() : out()).find(text) != std::string::npos) return true;
         sleepMs(WAIT_SLICE_MS);
     }
     return false;
@@ -110,10 +114,18 @@ int ChildProcess::terminate(int timeoutMs) {
     return waitExit(timeoutMs);
 }
 
+bool ChildProcess::alive() {
+    if (pid > 0 && waitpid(pid, nullptr, WNOHANG) == pid) pid = -1;
+    return pid > 0;
+}
+
 void ChildProcess::stop() {
     closeInput();
+    if (pid > 0 && terminate(2000) < 0) kill9();
+}
+
+void ChildProcess::kill9() {
     if (pid <= 0) return;
-    if (terminate(2000) >= 0) return;
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
     pid = -1;

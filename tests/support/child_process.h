@@ -25,11 +25,17 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    // Starts argv[0] (a path) with its arguments in dir; output goes to
-    // dir/NAME.out and dir/NAME.err. Returns false when it could not be
-    // started or one is still running.
-    bool start(const std::vector<std::string>& argv, const std::string& dir, const std::string& name);
+    // Starts argv[0] (a path) with its arguments in dir, with extra
+    // environment entries ("NAME=value"); output goes to dir/NAME.out and
+    // dir/NAME.err, both emptied before the start (an earlier run's output is
+    // never taken for this one's). Returns false when it could not be started
+    // or one is still running.
+    bool start(const std::vector<std::string>& argv, const std::string& dir, const std::string& name,
+               const std::vector<std::string>& env = {});
     bool running() const { return pid > 0; }
+    // True while the process runs (it is reaped when it has ended).
+    bool alive();
+    pid_t id() const { return pid; }
 
     // Writes line and a line end to its standard input (closed on failure).
     void writeLine(const std::string& line);
@@ -38,8 +44,8 @@ public:
     std::string out() const;
     std::string err() const;
 
-    // Waits until out() holds text. Returns false after timeoutMs.
-    bool waitForOutput(const std::string& text, int timeoutMs) const;
+    // Waits until out() (err() when inErr) holds text. Returns false after timeoutMs.
+    bool waitForOutput(const std::string& text, int timeoutMs, bool inErr = false) const;
     // Waits for the end. Returns the exit status (128 + signal when killed),
     // or -1 when it did not end within timeoutMs (it keeps running).
     int waitExit(int timeoutMs);
@@ -48,6 +54,8 @@ public:
     int terminate(int timeoutMs = 3000);
     // terminate(2000), and SIGKILL if that was not enough.
     void stop();
+    // SIGKILL at once, and reaped.
+    void kill9();
 
 private:
     pid_t pid = -1;

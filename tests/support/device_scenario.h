@@ -20,6 +20,7 @@
 #include "Velto/platform.h"
 #include "tests/support/child_process.h"
 #include "tests/support/test_support.h"
+#include "tests/support/wire_bytes.h"
 
 namespace testsupport {
 
@@ -31,15 +32,7 @@ inline std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
 }
 
 // Two lower-case digits per byte, as the hub writes keys into its records.
-inline std::string hexOf(const uint8_t* data, size_t size) {
-    std::string hex;
-    for (size_t i = 0; i < size; ++i) {
-        char h[3];
-        snprintf(h, sizeof(h), "%02x", data[i]);
-        hex += h;
-    }
-    return hex;
-}
+inline std::string hexOf(const uint8_t* data, size_t size) { return toHex(data, size); }
 inline std::string hexOf(const std::vector<uint8_t>& d) { return hexOf(d.data(), d.size()); }
 inline std::string hexOf(const ByteArray<32>& k) { return hexOf(k.data(), k.size()); }
 
@@ -125,17 +118,16 @@ protected:
     void pumpFor(int ms) {
         pumpUntil([] { return false; }, ms);
     }
-    // Starts every session and polls until all are READY.
+    // Starts every session not yet started and polls until all are READY.
     bool joinAll(int timeoutMs = 8000) {
         for (auto& r : sessions)
-            if (!r->session.start()) return false;
-        return pumpUntil(
-            [&] {
-                for (auto& r : sessions)
-                    if (r->session.state() != device::DeviceSession::State::READY) return false;
-                return true;
-            },
-            timeoutMs);
+            if (r->session.state() == device::DeviceSession::State::IDLE && !r->session.start()) return false;
+        return pumpUntil([&] { return allReady(); }, timeoutMs);
+    }
+    bool allReady() const {
+        for (auto& r : sessions)
+            if (r->session.state() != device::DeviceSession::State::READY) return false;
+        return true;
     }
     std::string cli() const { return VELTO_DEVICE_BIN; }
 

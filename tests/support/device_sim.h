@@ -16,6 +16,14 @@ namespace testsupport {
 
 typedef std::vector<uint8_t> Bytes;
 
+// n key bytes: first, first + step, first + 2 * step, ... (mod 256).
+inline ByteArray<32> keyBytes(size_t n, uint8_t first, uint8_t step = 0) {
+    ByteArray<32> a;
+    for (size_t i = 0; i < n; ++i) a[i] = static_cast<uint8_t>(first + step * i);
+    a.setSize(n);
+    return a;
+}
+
 // Port of a bound socket, 0 when it cannot be had.
 uint16_t boundPort(const UdpSocket& sock);
 

@@ -18,7 +18,6 @@ void HubFixture::SetUp() {
 }
 
 void HubFixture::TearDown() {
-    if (capturing) endCapture();
     std::vector<uint16_t> ids;
     for (const auto& d : clientMgr.allDevices()) ids.push_back(d.first);
     for (uint16_t id : ids) clientMgr.destroyClient(id);
@@ -75,20 +74,6 @@ bool HubFixture::takeMessage(SimDevice& dev, MsgSelector& ms, Bytes& body) {
 ClientInfo* HubFixture::newComerOf(const SimDevice& dev) {
     auto it = clientMgr.allNewComers().find(dev.address());
     return it == clientMgr.allNewComers().end() ? nullptr : it->second;
-}
-
-void HubFixture::startCapture() {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    capturing = true;
-}
-
-CapturedOutput HubFixture::endCapture() {
-    CapturedOutput c;
-    c.out = testing::internal::GetCapturedStdout();
-    c.err = testing::internal::GetCapturedStderr();
-    capturing = false;
-    return c;
 }
 
 }  // namespace testsupport

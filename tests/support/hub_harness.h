@@ -1,8 +1,8 @@
 // The hub in-process for unit tests: the working directory moved to a fresh
 // temporary directory holding "DB" (where the global client database writes),
 // a hub socket on 127.0.0.1, helpers that drive a simulated device through the
-// real handlers (adoption, join, configuration), and capture of standard
-// output and standard error. TearDown destroys every device and newcomer the
+// real handlers (adoption, join, configuration); output is captured with
+// outputOf (test_support.h). TearDown destroys every device and newcomer the
 // test left in the global client manager and drops its pending events, so
 // tests do not see each other's devices.
 #pragma once
@@ -17,11 +17,6 @@
 #include "tests/support/test_support.h"
 
 namespace testsupport {
-
-struct CapturedOutput {
-    std::string out;
-    std::string err;
-};
 
 class HubFixture : public ::testing::Test {
 protected:
@@ -46,15 +41,11 @@ protected:
     // The newcomer the hub holds for dev (after its NewBornDevicePack), or null.
     ClientInfo* newComerOf(const SimDevice& dev);
 
-    void startCapture();
-    CapturedOutput endCapture();
-
     TempDir dir;
     UdpSocket hubSock;
 
 private:
     std::string oldCwd;
-    bool capturing = false;
 };
 
 }  // namespace testsupport

@@ -20,6 +20,7 @@
 #include "Hub/server.h"
 #include "Velto/UdpSocket.h"
 #include "Velto/Velto.h"
+#include "tests/support/device_sim.h"
 #include "tests/support/test_support.h"
 
 namespace sessionstory {
@@ -29,10 +30,7 @@ class LoopbackPeer {
 public:
     LoopbackPeer() {
         EXPECT_TRUE(sock.bind(SockAddress("127.0.0.1", 0), false));
-        sockaddr_in sa{};
-        socklen_t len = sizeof(sa);
-        EXPECT_EQ(0, getsockname(sock.handle(), reinterpret_cast<sockaddr*>(&sa), &len));
-        addr.setSockAddr(sa);
+        addr = SockAddress("127.0.0.1", testsupport::boundPort(sock));
     }
 
     // One datagram within timeoutMs, or an empty vector.

@@ -1,6 +1,8 @@
-// Small helpers shared by the tests: a temporary directory that removes itself
-// and whole-file reads and writes.
+// Small helpers shared by the tests: a temporary directory that removes itself,
+// whole-file reads and writes, and the output of a piece of work.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <string>
 
@@ -26,5 +28,35 @@ bool writeFile(const std::string& path, const std::string& content);
 // The whole file, or "" when it cannot be read.
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
+
+// What `work` wrote to standard output and standard error.
+struct CapturedOutput {
+    std::string out;
+    std::string err;
+};
+template <typename F>
+CapturedOutput outputOf(F work) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    work();
+    CapturedOutput o;
+    o.out = testing::internal::GetCapturedStdout();
+    o.err = testing::internal::GetCapturedStderr();
+    return o;
+}
+
+// What `work` wrote to standard output / standard error.
+template <typename F>
+std::string stdoutOf(F work) {
+    testing::internal::CaptureStdout();
+    work();
+    return testing::internal::GetCapturedStdout();
+}
+template <typename F>
+std::string stderrOf(F work) {
+    testing::internal::CaptureStderr();
+    work();
+    return testing::internal::GetCapturedStderr();
+}
 
 }  // namespace testsupport

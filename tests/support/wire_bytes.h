@@ -29,6 +29,15 @@ private:
     std::unique_ptr<uint8_t[]> p;
 };
 
+// An exact heap copy of some bytes and a decoder's cursor pair over it.
+struct ReadCursor {
+    explicit ReadCursor(const std::vector<uint8_t>& v) : bytes(v), cur(bytes.data()), left(bytes.size()) {}
+    const uint8_t* begin() const { return bytes.data(); }
+    ExactBytes bytes;
+    const uint8_t* cur;
+    size_t left;
+};
+
 // Lower-case hex, two digits a byte, no separators.
 inline std::string toHex(const uint8_t* p, size_t n) {
     static const char digits[] = "0123456789abcdef";

@@ -10,27 +10,13 @@
 
 #include "tests/support/test_support.h"
 
+using testsupport::CapturedOutput;
+using testsupport::outputOf;
 using testsupport::TempDir;
 using testsupport::readFile;
 using testsupport::writeFile;
 
 namespace {
-
-struct Printed {
-    std::string out, err;
-};
-
-// Standard output and standard error of one piece of work.
-template <typename F>
-Printed capture(F work) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    work();
-    Printed p;
-    p.out = testing::internal::GetCapturedStdout();
-    p.err = testing::internal::GetCapturedStderr();
-    return p;
-}
 
 std::vector<std::string> listing(const std::string& dir) {
     std::vector<std::string> names;
@@ -183,7 +169,7 @@ TEST(ClientsDBTest, StartupCacheAndIdNumbering) {
     getdir(dir.path(), order);
     const bool xFirst = std::find(order.begin(), order.end(), "x.dev") <
                         std::find(order.begin(), order.end(), "y.dev");
-    Printed p = capture([&] {
+    CapturedOutput p = outputOf([&] {
         ClientsDatabase db(dir.path());
         EXPECT_EQ(1005, db.objectIdFor("a"));
         EXPECT_EQ(999, db.objectIdFor("low"));
@@ -203,14 +189,14 @@ TEST(ClientsDBTest, StartupCacheAndIdNumbering) {
 
     TempDir lowOnly;
     writeFile(lowOnly.file("low.dev"), "DUID=low\nID=999\n");
-    p = capture([&] { EXPECT_EQ(1000, ClientsDatabase(lowOnly.path()).getNextFreeId()); });
+    p = outputOf([&] { EXPECT_EQ(1000, ClientsDatabase(lowOnly.path()).getNextFreeId()); });
     EXPECT_EQ("add to map low -- 999 next=1000\n", p.out);
 }
 
 TEST(ClientsDBTest, MissingAndEmptyDirectory) {
     TempDir dir;
     const std::string missing = dir.file("DB");
-    Printed p = capture([&] {
+    CapturedOutput p = outputOf([&] {
         ClientsDatabase db(missing);
         EXPECT_EQ(1000, db.getNextFreeId());
         EXPECT_FALSE(db.updateRecord(sampleRecord()));
@@ -220,7 +206,7 @@ TEST(ClientsDBTest, MissingAndEmptyDirectory) {
     EXPECT_EQ("Failed to preload Cache information. Database may be inconsistent\n", p.err);
     EXPECT_TRUE(listing(dir.path()).empty());
 
-    p = capture([&] { ClientsDatabase db(dir.path()); });
+    p = outputOf([&] { ClientsDatabase db(dir.path()); });
     EXPECT_EQ("", p.out + p.err);
 }
 
@@ -261,7 +247,7 @@ TEST(ClientsDBTest, NothingWrittenOutsideTheDirectory) {
                                     std::string("specs.idx\0x", 11)}) {
         ClientDBRec r = sampleRecord();
         r.duid = name;
-        Printed p = capture([&] {
+        CapturedOutput p = outputOf([&] {
             EXPECT_FALSE(db.updateRecord(r));
             EXPECT_FALSE(db.loadRecord(name, r));
         });
@@ -286,7 +272,7 @@ TEST(ClientsDBTest, TextWithALineBreakNeverReachesTheDisk) {
         r.duid = field == 0 ? "intruder" + forged : "intruder";
         if (field == 1) r.specs = forged;
         if (field == 2) r.assignedName = forged;
-        Printed p = capture([&] { EXPECT_FALSE(db.updateRecord(r)); });
+        CapturedOutput p = outputOf([&] { EXPECT_FALSE(db.updateRecord(r)); });
         EXPECT_EQ(0u, p.err.rfind("ERROR updateRecord: record of DUID \"intruder", 0)) << p.err;
         EXPECT_EQ(1, std::count(p.err.begin(), p.err.end(), '\n')) << p.err;  // one line: the break is shown as '?'
         EXPECT_EQ(0, db.objectIdFor(r.duid));

@@ -12,6 +12,7 @@
 using testsupport::fileExists;
 using testsupport::HttpServer;
 using testsupport::readFile;
+using testsupport::stdoutOf;
 using testsupport::TempDir;
 using testsupport::writeFile;
 
@@ -59,9 +60,8 @@ TEST_F(SpecsDBTest, DownloadsNumberDocumentsAndAppendIndexLines) {
     const std::string id = hostOf(server);
     EXPECT_EQ(db.findSpecFile(id), "");
 
-    testing::internal::CaptureStdout();
-    const std::string path = db.downloadSpecFile(id);
-    const std::string out = testing::internal::GetCapturedStdout();
+    std::string path;
+    const std::string out = stdoutOf([&] { path = db.downloadSpecFile(id); });
 
     EXPECT_EQ(path, dir.path() + "/000000001.spec");
     EXPECT_EQ(readFile(path), SPEC_DOC);
@@ -97,9 +97,8 @@ TEST_F(SpecsDBTest, EmptyBodiesFailAllFourTriesAndLeaveTheIndexAlone) {
     SpecsDB db(dir.path());
     const std::string id = hostOf(server);
 
-    testing::internal::CaptureStdout();
-    const std::string path = db.downloadSpecFile(id);
-    testing::internal::GetCapturedStdout();
+    std::string path;
+    stdoutOf([&] { path = db.downloadSpecFile(id); });
 
     EXPECT_EQ(path, dir.path() + "/000000001.spec");
     EXPECT_FALSE(fileExists(path));
@@ -136,9 +135,8 @@ TEST_F(SpecsDBTest, LoadRightsForInterfaceFromAServedDocument) {
 
     std::map<unsigned short, unsigned char> two = {{3, 77}, {100, 5}};
     std::map<unsigned short, unsigned char> one;
-    testing::internal::CaptureStdout();
-    const bool loaded = db.loadRightsForInterface(intfId, two, one);
-    testing::internal::GetCapturedStdout();
+    bool loaded = false;
+    stdoutOf([&] { loaded = db.loadRightsForInterface(intfId, two, one); });
     ASSERT_TRUE(loaded);
     EXPECT_EQ(db.findIntfFile(intfId), dir.path() + "/000000042.intf");
     EXPECT_EQ(two, (std::map<unsigned short, unsigned char>{{3, 2}, {4, 1}, {100, 5}}));
@@ -151,10 +149,8 @@ TEST_F(SpecsDBTest, LoadRightsForInterfaceFromAServedDocument) {
     EXPECT_EQ(server.connections().size(), before);
 
     // A document that cannot be had leaves the maps untouched.
-    testing::internal::CaptureStdout();
     std::map<unsigned short, unsigned char> untouched = {{1, 1}};
-    EXPECT_FALSE(db.loadRightsForInterface(hostOf(server) + "/missing.1", untouched, untouched));
-    testing::internal::GetCapturedStdout();
+    stdoutOf([&] { EXPECT_FALSE(db.loadRightsForInterface(hostOf(server) + "/missing.1", untouched, untouched)); });
     EXPECT_EQ(untouched, (std::map<unsigned short, unsigned char>{{1, 1}}));
 }
 
@@ -164,12 +160,12 @@ TEST_F(SpecsDBTest, InterfaceStringFromAServedSpecification) {
     SpecsDB db(dir.path());
     const std::string id = hostOf(server);
 
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(db.interfaceString(id, "Light"), "acme/Velto/specs/std/Light.1");
-    EXPECT_EQ(db.interfaceString(id, "Lamp"), "acme/Lamp.1/Lamp");
-    EXPECT_EQ(db.interfaceString(id, "Nope"), "");
-    EXPECT_EQ(db.interfaceString(id + "/broken", "Light"), "") << "unparsable document";
-    testing::internal::GetCapturedStdout();
+    stdoutOf([&] {
+        EXPECT_EQ(db.interfaceString(id, "Light"), "acme/Velto/specs/std/Light.1");
+        EXPECT_EQ(db.interfaceString(id, "Lamp"), "acme/Lamp.1/Lamp");
+        EXPECT_EQ(db.interfaceString(id, "Nope"), "");
+        EXPECT_EQ(db.interfaceString(id + "/broken", "Light"), "") << "unparsable document";
+    });
     EXPECT_EQ(readFile(dir.file("specs.idx")), id + "\t000000001\n" + id + "/broken\t000000002\n");
 }
 
@@ -179,14 +175,10 @@ TEST_F(SpecsDBTest, DownloadFileReportsAnUnwritableTarget) {
     const std::string url = "http://" + hostOf(server) + "/doc";
     const std::string target = dir.path() + "/no-such-dir/doc";
 
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(downloadFile(url, target));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(stdoutOf([&] { EXPECT_FALSE(downloadFile(url, target)); }),
               "Downloading " + url + " ... Failed. Error opening target file " + target + "\n");
 
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(downloadFile("http://" + hostOf(server) + "/absent", dir.file("absent")));
-    testing::internal::GetCapturedStdout();
+    stdoutOf([&] { EXPECT_FALSE(downloadFile("http://" + hostOf(server) + "/absent", dir.file("absent"))); });
     EXPECT_FALSE(fileExists(dir.file("absent")));
 }
 

@@ -183,10 +183,7 @@ TEST(ExpatWrapperTest, CallbacksIgnoreNullsAndKeepStacksOnAMismatchedEnd) {
     EXPECT_EQ(r.currentPath(), "/a");
     EXPECT_EQ(r.lastAttrs(), (ExpatWrapper::AttrMap{{"k", "v"}}));
 
-    testing::internal::CaptureStderr();
-    ExpatWrapper::EndElement(&r, "b");
-    const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(err, "Broken XML file. End element: b does not match the top of the stack: a\n");
+    EXPECT_EQ(testsupport::stderrOf([&] { ExpatWrapper::EndElement(&r, "b"); }), "Broken XML file. End element: b does not match the top of the stack: a\n");
     EXPECT_EQ(r.ends, (std::vector<std::string>{"/a"})) << "the handler still runs";
     EXPECT_EQ(r.elementStack.size(), 1u);
     EXPECT_EQ(r.attrStack.size(), 1u);
