@@ -21,6 +21,8 @@ int main(int, char**) {
         return 1;
     }
     std::cout << "Successfully bind\n";  // kept: the wording as it stands
+    // Room for the answers to a burst of probes to thousands of devices.
+    sock.setReceiveBuffer(HUB_RECEIVE_BUFFER_BYTES);
     if (sock.joinMCastGroup(SockAddress(HUB_MCAST_GROUP, HUB_PORT, nullptr)))
         std::cout << "Successfully joined group\n";
     else

@@ -144,6 +144,27 @@ int waitAndRefill(UdpSocket& sock, ReceivedDatagrams& in, uint64_t micros) {
     return w <= 0 ? w : in.refill(sock);
 }
 
+// While the datagrams of one received batch are handled, what the hub sends
+// is held and goes out with one system call once the batch is done (or before
+// periodic work, which may take milliseconds): several senders' traffic then
+// costs one send call. A batch of one is not held.
+class BatchSends {
+public:
+    void holdFor(UdpSocket& sock) {
+        if (holding) return;
+        sock.holdSends();
+        holding = true;
+    }
+    void release(UdpSocket& sock) {
+        if (!holding) return;
+        sock.releaseSends();
+        holding = false;
+    }
+
+private:
+    bool holding = false;
+};
+
 // The short look ahead before the output is written: inside the receive call
 // when the wait may run a clock tick long, else a precise wait and a receive.
 int refillWithinGrace(UdpSocket& sock, ReceivedDatagrams& in, uint32_t waitMs) {
@@ -192,6 +213,11 @@ void reportReceiveError() {
 // writes a few milliseconds' worth of records per step until it is done: in
 // every pass that found no datagram, and at most every 20 ms while datagrams
 // keep coming (busy).
+// True when doPeriodicWork may write records or walk the devices in this pass.
+bool periodicWorkDue(const PeriodicDeadlines& d, Timestamp now) {
+    return now >= d.nextFlush || now >= d.nextCleanup || clientMgr.flushPending();
+}
+
 void doPeriodicWork(PeriodicDeadlines& d, Timestamp now, bool busy) {
     if (now >= d.nextFlush) {
         clientMgr.doFlush(now);
@@ -349,6 +375,7 @@ void mainThread(UdpSocket& sock) {
     deadlines.flushEvery = flushIntervalFromEnvironment();
     deadlines.nextFlush = currentTime() + deadlines.flushEvery;
     EventBatch events;
+    BatchSends sends;
 
     while (!stopRequested) {
         SockAddress peer;  // the any-address, port 0
@@ -358,13 +385,16 @@ void mainThread(UdpSocket& sock) {
 
         const uint8_t* datagram = nullptr;
         int bytes = receiveDatagram(sock, received, datagram, peer, wait);
+        if (!received.empty()) sends.holdFor(sock);
         if (bytes < 0)
             reportReceiveError();
         else if (bytes > 0)
             handleDatagram(datagram, static_cast<size_t>(bytes), peer, sock);
 
+        if (received.empty() || periodicWorkDue(deadlines, now)) sends.release(sock);
         doPeriodicWork(deadlines, now, bytes > 0);
     }
+    sends.release(sock);
 }
 
 void handleDatagram(const uint8_t* data, size_t bytes, const SockAddress& peer, UdpSocket& sock) {

@@ -37,6 +37,7 @@ extern const char* const HUB_MCAST_GROUP;      // "224.68.12.8"
 constexpr uint32_t MaxCleanupInterval = 1000;  // ms between clean-ups; also the event look-ahead and the longest wait
 constexpr uint32_t FlushInterval = 15050;      // ms between record flushes (the odd value is the designed one)
 constexpr size_t RECV_BUFFER_SIZE = 400;       // longer datagrams are cut to this by the socket
+constexpr int HUB_RECEIVE_BUFFER_BYTES = 4 << 20;  // the socket's queue of received datagrams
 
 // Test hook: the flush interval the loop uses, read once when mainThread
 // starts. 15050 unless the environment variable VELTO_FLUSH_INTERVAL_MS holds a

@@ -136,6 +136,7 @@ void UdpSocket::close() {
     if (fd >= 0) ::close(fd);
     fd = -1;
     receiveTimeoutUs = 0;
+    holdDepth = 0;
 }
 
 struct UdpSocket::HeldSends {
@@ -150,7 +151,7 @@ UdpSocket::UdpSocket() = default;
 int UdpSocket::sendTo(const SockAddress& to, uint8_t* data, size_t size) {
     sockaddr_in sa;
     if (fd < 0 || data == nullptr || !to.getSockAddr(sa)) return -1;
-    if (holding) {
+    if (holdDepth > 0) {
         if (held->count == MAX_BATCH) sendHeld();
         if (size <= MAX_HELD_SIZE) {
             const size_t i = held->count++;
@@ -167,15 +168,20 @@ int UdpSocket::sendTo(const SockAddress& to, uint8_t* data, size_t size) {
 
 void UdpSocket::holdSends() {
     if (!held) held.reset(new HeldSends());
-    holding = true;
+    ++holdDepth;
 }
 
 int UdpSocket::releaseSends() {
-    if (!holding) return 0;
+    if (holdDepth == 0 || --holdDepth > 0) return 0;
     const int n = static_cast<int>(held->count);
     sendHeld();
-    holding = false;
     return n;
+}
+
+bool UdpSocket::setReceiveBuffer(int bytes) {
+    if (fd < 0 || bytes <= 0) return false;
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof(bytes)) == 0) return true;
+    return ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) == 0;
 }
 
 // Sends every held datagram with sendmmsg; one the platform refuses is dropped

@@ -111,16 +111,21 @@ public:
     int recvBatchWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms,
                       uint32_t maxWaitUs);
 
-    // From holdSends() to releaseSends(), sendTo() keeps copies of the
-    // datagrams (up to MAX_BATCH of at most MAX_HELD_SIZE bytes) and returns
-    // their size; releaseSends() sends them in their order with one system
-    // call. A datagram that does not fit is sent at once, after the ones held.
-    // Returns nothing.
+    // From holdSends() to the matching releaseSends(), sendTo() keeps copies
+    // of the datagrams (up to MAX_BATCH of at most MAX_HELD_SIZE bytes; when
+    // full they go out first) and returns their size; the release sends them
+    // in their order with one system call. A datagram that does not fit is
+    // sent at once, after the ones held. Holds nest: only the outermost
+    // release sends. Returns nothing.
     static constexpr size_t MAX_HELD_SIZE = 512;
     void holdSends();
-    // Sends what is held and ends holding; returns how many datagrams were
-    // still held (0 when not holding).
+    // Ends one hold; the outermost sends what is held. Returns how many
+    // datagrams it sent (0 for an inner release or when not holding).
     int releaseSends();
+
+    // Asks for a receive buffer of `bytes` (above the system's limit when the
+    // process may); true when the socket took some size.
+    bool setReceiveBuffer(int bytes);
 
 private:
     struct HeldSends;
@@ -129,6 +134,6 @@ private:
 
     int fd = -1;
     uint32_t receiveTimeoutUs = 0;  // SO_RCVTIMEO as last set; 0: none (blocks)
-    bool holding = false;
+    unsigned holdDepth = 0;  // nested holdSends() not yet released
     std::unique_ptr<HeldSends> held;  // made at the first hold
 };

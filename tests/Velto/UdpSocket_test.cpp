@@ -287,4 +287,33 @@ TEST(UdpSocketTest, HeldSendsGoOutTogetherInTheirOrder) {
     int got = 0;
     while (got < 100 && rx.recvNoWait(buf, sizeof(buf), nullptr) == 3) ++got;
     EXPECT_EQ(static_cast<int>(UdpSocket::MAX_BATCH) + 1, got);
+
+    // Holds nest: an inner release sends nothing, the outer one everything.
+    tx.holdSends();
+    EXPECT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    tx.holdSends();
+    EXPECT_EQ(3, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(0, tx.releaseSends());
+    EXPECT_EQ(0, rx.recvNoWait(buf, sizeof(buf), nullptr)) << "an inner release sent";
+    EXPECT_EQ(2, tx.releaseSends());
+    EXPECT_EQ(3, rx.recvWithTo(buf, sizeof(buf), nullptr, 2000));
+    EXPECT_EQ(3, rx.recvWithTo(buf, sizeof(buf), nullptr, 2000));
+    EXPECT_EQ(0, tx.releaseSends());
+}
+
+TEST(UdpSocketTest, ReceiveBufferGrows) {
+    UdpSocket s;
+    EXPECT_FALSE(s.setReceiveBuffer(1 << 20));  // not open
+    bindLoopback(s);
+    int before = 0;
+    socklen_t len = sizeof(before);
+    ASSERT_EQ(0, getsockopt(s.handle(), SOL_SOCKET, SO_RCVBUF, &before, &len));
+    ASSERT_TRUE(s.setReceiveBuffer(4 << 20));
+    int after = 0;
+    ASSERT_EQ(0, getsockopt(s.handle(), SOL_SOCKET, SO_RCVBUF, &after, &len));
+    if (geteuid() == 0) {
+        EXPECT_GE(after, 4 << 20);  // beyond the system's cap only for a privileged process
+    }
+    EXPECT_GE(after, before);
+    EXPECT_FALSE(s.setReceiveBuffer(0));
 }
