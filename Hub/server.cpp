@@ -208,16 +208,16 @@ void reportReceiveError() {
     std::this_thread::sleep_for(std::chrono::microseconds(100));
 }
 
-// Flush and clean-up, judged against the pass's own now; each deadline moves
-// forward from a fresh clock reading taken after its work. A flush round
-// writes a few milliseconds' worth of records per step until it is done: in
-// every pass that found no datagram, and at most every 20 ms while datagrams
-// keep coming (busy).
 // True when doPeriodicWork may write records or walk the devices in this pass.
 bool periodicWorkDue(const PeriodicDeadlines& d, Timestamp now) {
     return now >= d.nextFlush || now >= d.nextCleanup || clientMgr.flushPending();
 }
 
+// Flush and clean-up, judged against the pass's own now; each deadline moves
+// forward from a fresh clock reading taken after its work. A flush round
+// writes a few milliseconds' worth of records per step until it is done: in
+// every pass that found no datagram, and at most every 20 ms while datagrams
+// keep coming (busy).
 void doPeriodicWork(PeriodicDeadlines& d, Timestamp now, bool busy) {
     if (now >= d.nextFlush) {
         clientMgr.doFlush(now);

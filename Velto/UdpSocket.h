@@ -105,9 +105,10 @@ public:
     // (no separate wait: one system call when one comes), at most about
     // maxWaitUs: the socket's receive time-out, which the kernel rounds up to
     // its clock tick (1 to 10 ms), so use it for short grace waits where
-    // waking a tick late does no harm. The time-out stays set on the socket (a
-    // plain recv() then waits at most that long too). Returns 0 when none came in time (and
-    // for maxWaitUs 0, which does not wait), -1 on error or on a signal.
+    // waking a tick late does no harm. The time-out stays set on the socket
+    // (a plain recv() then waits at most that long too). Returns 0 when none
+    // came in time (and for maxWaitUs 0, which does not wait), -1 on error or
+    // on a signal.
     int recvBatchWait(uint8_t* buffers, size_t capacity, size_t count, int* sizes, SockAddress* froms,
                       uint32_t maxWaitUs);
 
