@@ -98,6 +98,18 @@ void appendLine(std::string& out, const char* key, uint64_t value) {
     out += '\n';
 }
 
+void appendLine(std::string& out, const char* key, const ByteArray<32>& value) {
+    out += key;
+    appendHex(out, value);
+    out += '\n';
+}
+
+void appendLine(std::string& out, const char* key, const SockAddress& value) {
+    out += key;
+    appendAddress(out, value);
+    out += '\n';
+}
+
 // Writes all of text to fd; false on any short or failed write.
 bool writeAll(int fd, const std::string& text) {
     size_t done = 0;
@@ -235,24 +247,17 @@ std::string recordText(const ClientDBRec& rec) {
     std::string out;
     out.reserve(384);
     appendLine(out, "DUID=", rec.duid);
-    out += "MAIN_KEY=";
-    appendHex(out, rec.mainKey);
-    out += '\n';
+    appendLine(out, "MAIN_KEY=", rec.mainKey);
     appendLine(out, "ID=", rec.id);
     appendLine(out, "SPECS=", rec.specs);
     appendLine(out, "VERSION=", rec.version);
     appendLine(out, "NAME=", rec.assignedName);
-    out += "FIRST_ADDR=";
-    appendAddress(out, rec.firstAddress);
-    out += "\nLAST_ADDR=";
-    appendAddress(out, rec.lastAddress);
-    out += '\n';
+    appendLine(out, "FIRST_ADDR=", rec.firstAddress);
+    appendLine(out, "LAST_ADDR=", rec.lastAddress);
     appendLine(out, "FIRST_TIME=", rec.firstConnect);
     appendLine(out, "LAST_TIME=", rec.lastConnect);
     appendLine(out, "KEY_TIME=", rec.keyTime);
-    out += "SESSION_KEY=";
-    appendHex(out, rec.sessionKey);
-    out += '\n';
+    appendLine(out, "SESSION_KEY=", rec.sessionKey);
     appendLine(out, "TRUST=", rec.trust);
     appendLine(out, "SIG_TYPE=", rec.sigType);
     appendLine(out, "ENC_TYPE=", rec.encType);
