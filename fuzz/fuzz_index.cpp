@@ -119,11 +119,6 @@ ClientsDatabase& knownDevices(const std::string& dir, DeviceID& a, DeviceID& b) 
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzzsupport::silenceDiagnostics();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static fuzzsupport::ScratchDir dir;
     static fuzzsupport::ScratchDir dbDir;

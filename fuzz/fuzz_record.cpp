@@ -46,11 +46,6 @@ bool parseLikeLoad(const std::string& text, ClientDBRec& rec) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzzsupport::silenceDiagnostics();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static fuzzsupport::ScratchDir dir;
     const std::string text(reinterpret_cast<const char*>(data), size);
