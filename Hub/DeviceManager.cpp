@@ -229,17 +229,20 @@ void ClientManager::flushSlice() {
 
 // Writes rec unless its file is known to hold it already.
 void ClientManager::flushRecord(const ClientDBRec& rec) {
+    const RecordDigest digest = digestOf<RecordDigest>(rec);
     auto last = lastWritten.find(rec.duid);
-    if (last != lastWritten.end() && last->second == digestOf<RecordDigest>(rec)) return;
-    writeRecord(rec);
+    if (last != lastWritten.end() && last->second == digest) return;
+    writeRecord(rec, digest);
 }
 
 // Every record write of the manager goes through here so that the digest of
 // the last record written per DUID stays true to the file: a write that did
 // not happen (refused, failed) leaves no digest, and the next flush tries again.
-void ClientManager::writeRecord(const ClientDBRec& rec) {
+void ClientManager::writeRecord(const ClientDBRec& rec) { writeRecord(rec, digestOf<RecordDigest>(rec)); }
+
+void ClientManager::writeRecord(const ClientDBRec& rec, const RecordDigest& digest) {
     if (db.storeRecord(rec))
-        lastWritten[rec.duid] = digestOf<RecordDigest>(rec);
+        lastWritten[rec.duid] = digest;
     else
         lastWritten.erase(rec.duid);
 }

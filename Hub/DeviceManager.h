@@ -208,7 +208,10 @@ public:
 private:
     ClientInfo* loadOtherNewComer(const SockAddress& addr, const std::string& duid);
     void index(uint16_t id, ClientProxy* proxy);
+    typedef std::array<uint8_t, 16> RecordDigest;
     void writeRecord(const ClientDBRec& rec);
+    // The same, with rec's digest already computed by the caller.
+    void writeRecord(const ClientDBRec& rec, const RecordDigest& digest);
     void flushRecord(const ClientDBRec& rec);
     void flushSlice();
     void keepIfUnheld(const SockAddress& addr, ClientInfo* info);
@@ -227,7 +230,6 @@ private:
     MinHeap<EventEntry>* events;
     // duid -> digest of the file image this manager last wrote successfully
     // to that duid's file (16 bytes of its SHA-256).
-    typedef std::array<uint8_t, 16> RecordDigest;
     std::map<std::string, RecordDigest> lastWritten;
     // The flush round under way: device ids still to look at from flushNext on.
     std::vector<uint16_t> flushQueue;
