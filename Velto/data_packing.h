@@ -118,6 +118,15 @@ inline bool getU64(const uint8_t*& buf, size_t& left, uint64_t& v) {
     return ok;
 }
 
+// A signed value read as its unsigned pattern; v untouched on failure.
+template <typename U, typename S>
+inline bool getSigned(const uint8_t*& buf, size_t& left, S& v) {
+    U u = 0;
+    if (!getBigEndian(buf, left, u)) return false;
+    v = static_cast<S>(u);
+    return true;
+}
+
 }  // namespace packing_detail
 
 inline bool addToBuffer(uint8_t v, uint8_t*& buf, size_t& left) { return packing_detail::putBigEndian(v, buf, left); }
@@ -141,28 +150,19 @@ inline bool getFromBuffer(const uint8_t*& buf, size_t& left, uint8_t& v) {
     return packing_detail::getBigEndian(buf, left, v);
 }
 inline bool getFromBuffer(const uint8_t*& buf, size_t& left, int8_t& v) {
-    uint8_t u = 0;
-    if (!packing_detail::getBigEndian(buf, left, u)) return false;
-    v = static_cast<int8_t>(u);
-    return true;
+    return packing_detail::getSigned<uint8_t>(buf, left, v);
 }
 inline bool getFromBuffer(const uint8_t*& buf, size_t& left, uint16_t& v) {
     return packing_detail::getBigEndian(buf, left, v);
 }
 inline bool getFromBuffer(const uint8_t*& buf, size_t& left, int16_t& v) {
-    uint16_t u = 0;
-    if (!packing_detail::getBigEndian(buf, left, u)) return false;
-    v = static_cast<int16_t>(u);
-    return true;
+    return packing_detail::getSigned<uint16_t>(buf, left, v);
 }
 inline bool getFromBuffer(const uint8_t*& buf, size_t& left, uint32_t& v) {
     return packing_detail::getBigEndian(buf, left, v);
 }
 inline bool getFromBuffer(const uint8_t*& buf, size_t& left, int32_t& v) {
-    uint32_t u = 0;
-    if (!packing_detail::getBigEndian(buf, left, u)) return false;
-    v = static_cast<int32_t>(u);
-    return true;
+    return packing_detail::getSigned<uint32_t>(buf, left, v);
 }
 inline bool getFromBuffer(const uint8_t*& buf, size_t& left, uint64_t& v) {
     return packing_detail::getU64(buf, left, v);
