@@ -1,3 +1,4 @@
+// The clock with its test offset, and the hardware identity text.
 #include "Velto/platform.h"
 
 #include <gtest/gtest.h>
@@ -7,60 +8,17 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
-
-namespace {
-
-bool allZero(const uint8_t* p, size_t n) {
-    for (size_t i = 0; i < n; ++i)
-        if (p[i] != 0) return false;
-    return true;
-}
-
-}  // namespace
 
 TEST(PlatformTest, ClockIsEpochMillisecondsWithTestOffset) {
-    using namespace std::chrono;
-    const auto before = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+    const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                         std::chrono::system_clock::now().time_since_epoch()).count();
     const Timestamp t = currentTime();
-    const auto after = duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-    EXPECT_GE(static_cast<int64_t>(t), before);
-    EXPECT_LE(static_cast<int64_t>(t), after);
-
-    const int64_t hour = 3600 * 1000;
-    setClockOffsetForTesting(hour);
+    EXPECT_LT(std::llabs(static_cast<long long>(t) - now), 1000);
+    setClockOffsetForTesting(3600 * 1000);
     const Timestamp moved = currentTime();
     setClockOffsetForTesting(0);
-    EXPECT_GE(moved, t + hour);
-    EXPECT_LT(moved, t + hour + 60000);
-    EXPECT_LT(currentTime(), moved);
-}
-
-TEST(PlatformTest, RandomData) {
-    uint8_t buf[64] = {};
-    EXPECT_TRUE(generateRandomData(0, buf));
-    EXPECT_TRUE(allZero(buf, sizeof(buf)));
-    EXPECT_FALSE(generateRandomData(8, nullptr));
-    ASSERT_TRUE(generateRandomData(32, buf));
-    EXPECT_FALSE(allZero(buf, 32));
-    EXPECT_TRUE(allZero(buf + 32, 32));  // nothing past the count
-
-    ByteArray<32> full, part, capped;
-    ASSERT_TRUE(generateRandomData(full, 0));
-    EXPECT_EQ(32u, full.size());
-    EXPECT_FALSE(allZero(full.data(), 32));
-    ASSERT_TRUE(generateRandomData(part, 5));
-    EXPECT_EQ(5u, part.size());
-    EXPECT_TRUE(allZero(part.data() + 5, 27));
-    ASSERT_TRUE(generateRandomData(capped, 100));
-    EXPECT_EQ(32u, capped.size());
-
-    uint64_t a = 0, b = 0;
-    uint32_t c = 0, d = 0, e = 0;
-    ASSERT_TRUE(randomNumber(a) && randomNumber(b));
-    EXPECT_NE(a, b);
-    ASSERT_TRUE(randomNumber(c) && randomNumber(d) && randomNumber(e));
-    EXPECT_FALSE(c == d && d == e);
+    EXPECT_GE(moved, t + 3600 * 1000);
+    EXPECT_LT(moved, t + 3600 * 1000 + 60000);
 }
 
 // In a private network namespace: loopback only gives "", and an interface with
