@@ -2,6 +2,8 @@
 #include "Velto/UdpSocket.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <sstream>
@@ -89,3 +91,31 @@ TEST(UdpSocketTest, BatchReceiveKeepsOrderSizesAndSenders) {
     EXPECT_EQ(0, rx.recvBatchWait(buffers, 8, 3, sizes, froms, 1000));  // time-out: 0
 }
 
+// The waits use poll(): a socket numbered above select()'s limit still works.
+TEST(UdpSocketTest, WaitsWorkOnDescriptorsAbove1024) {
+    rlimit lim{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &lim));
+    if (lim.rlim_cur < 1100) {
+        rlimit raised = lim;
+        raised.rlim_cur = lim.rlim_max < 1100 ? lim.rlim_max : 1100;
+        if (raised.rlim_cur < 1100 || setrlimit(RLIMIT_NOFILE, &raised) != 0)
+            GTEST_SKIP() << "cannot open 1100 descriptors here";
+    }
+    std::vector<int> filler;
+    for (int i = 0; i < 1030; ++i) {
+        const int fd = dup(0);
+        if (fd < 0) break;
+        filler.push_back(fd);
+    }
+    UdpSocket rx, tx;
+    const SockAddress rxAddr = bindLoopback(rx);
+    bindLoopback(tx);
+    EXPECT_GE(rx.handle(), 1024);
+    uint8_t buf[16];
+    EXPECT_EQ(0, rx.recvWithTo(buf, sizeof(buf), nullptr, 0));
+    uint8_t msg[4] = {1, 2, 3, 4};
+    ASSERT_EQ(4, tx.sendTo(rxAddr, msg, sizeof(msg)));
+    EXPECT_EQ(4, rx.recvWithTo(buf, sizeof(buf), nullptr, 2000));
+    for (int fd : filler) close(fd);
+    setrlimit(RLIMIT_NOFILE, &lim);
+}
