@@ -139,7 +139,7 @@ protected:
 // nothing but records and temporary files of them. A last, undisturbed life
 // writes every record and leaves no temporary file behind.
 TEST_F(FaultTest, KilledWhileWritingRecordsEveryFileStaysWhole) {
-    const int devices = 300, kills = 150;
+    const int devices = 300, kills = 200;
     std::map<std::string, std::string> current;  // duid -> what its file holds
     std::vector<std::string> duids;
     for (int i = 0; i < devices; ++i) {
