@@ -11,7 +11,11 @@
 namespace device {
 
 bool HubLink::open() {
-    return sock.bind(SockAddress("", 0), false);
+    if (!sock.bind(SockAddress("", 0), false)) return false;
+    // The hub sends a long message in one burst; without room for it the
+    // queue overflows and every round loses its tail. Not fatal when refused.
+    sock.setReceiveBuffer(RECEIVE_BUFFER_BYTES);
+    return true;
 }
 
 uint16_t HubLink::localPort() const {

@@ -16,8 +16,13 @@ namespace device {
 
 class HubLink {
 public:
-    // Binds a fresh socket to the any-address and an ephemeral port. Returns
-    // true when bound, false otherwise (the link stays closed).
+    // Room in the socket's receive queue for a burst of a 1 MiB message
+    // (about 3,200 datagrams, each charged well above its 400 bytes).
+    static constexpr int RECEIVE_BUFFER_BYTES = 4 << 20;
+
+    // Binds a fresh socket to the any-address and an ephemeral port and asks
+    // for RECEIVE_BUFFER_BYTES of receive queue. Returns true when bound,
+    // false otherwise (the link stays closed).
     bool open();
     bool isOpen() const { return sock.ok(); }
     // The socket descriptor (for select), or -1 when closed.

@@ -1,18 +1,21 @@
 // Incoming messages of a device: reassembly of the hub's pieces into whole
 // messages and the acknowledgements they call for.
 //
-// One message is received at a time. An acknowledgement is due at the end of a
-// message and after a gap (then it tells the hub where to resume). A reception
-// that stalls is nudged with an acknowledgement of what is held, and abandoned
-// after too many nudges. A piece of the message completed last (the hub sends
-// it again when our final acknowledgement was lost) is acknowledged again but
-// not delivered twice. Pieces that do not fit are refused with a reason. The
-// message size is capped, so a bad size from the network cannot exhaust memory.
-// No I/O: the caller sends the acknowledgements.
+// One message is received at a time. Pieces are kept wherever they fall, so a
+// piece that arrives beyond a gap is not lost. The acknowledgement (bytes held
+// contiguously from the start) goes out at the end of a message and once per
+// resend round when a gap shows: not again for the same position until the
+// sender has resent from there and that round has reached the end, or 250 ms
+// have passed. A reception that stalls is nudged with an acknowledgement of
+// what is held, and abandoned after too many nudges. Pieces of the message
+// completed last are acknowledged again (at most once per 250 ms) but not
+// delivered twice. Diagnostics: at most one line per round or refused message.
+// The message size is capped. No I/O: the caller sends the acknowledgements.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -37,7 +40,7 @@ struct InboxOutcome {
 
 class MessageInbox {
 public:
-    static constexpr int STALL_WAIT_MS = 250;
+    static constexpr int STALL_WAIT_MS = 250;  // also the least time between two acks of one position
     static constexpr int MAX_NUDGES = 10;
 
     // maxSize: the largest message accepted (at least 1).
@@ -45,7 +48,9 @@ public:
 
     // Takes one piece. Returns true when the piece was taken (out may ask for an
     // acknowledgement and may hold a complete message); false when it was
-    // refused, with out.note saying why (an acknowledgement may still be due).
+    // refused, with out.note saying why the first time a message is refused.
+    // A piece of another message than the one under way starts that message
+    // (the sender gave the old one up).
     bool take(const MessageCarrierPack& piece, InboxOutcome& out);
 
     // Called regularly with the current time. Returns true when a stalled
@@ -56,18 +61,34 @@ public:
     bool receiving() const { return active; }
 
 private:
-    bool startMessage(const MessageCarrierPack& piece, InboxOutcome& out);
+    bool refuse(const MsgSelector& ms, const std::string& why, InboxOutcome& out);
+    bool startMessage(const MsgSelector& ms, InboxOutcome& out);
     bool isLastCompleted(const MsgSelector& ms) const;
-    void finishIfDone(InboxOutcome& out);
+    void store(const uint8_t* data, uint32_t pos, uint32_t len);
+    void askFrom(Timestamp now, InboxOutcome& out);
+    bool gapAckDue(uint32_t pos, uint32_t len, Timestamp now);
+    void finish(InboxOutcome& out);
     void drop();
 
     uint32_t maxSize;
-    MsgReceiver receiver;
     std::vector<uint8_t> buffer;
-    MsgSelector stated;  // the selector as the first piece stated it
+    MsgSelector stated;  // the selector as the first piece seen stated it
     bool active = false;
+    uint32_t prefix = 0;                  // bytes held contiguously from 0
+    std::map<uint32_t, uint32_t> beyond;  // byte ranges [start, end) held past the prefix
+    Timestamp lastPieceAt = 0;
+
+    // The current round: the position we asked the sender to resume from.
+    bool asked = false;
+    uint32_t askedPos = 0;
+    Timestamp askedAt = 0;
+    bool resent = false;  // a piece at askedPos came after we asked
+
     bool haveCompleted = false;
     MsgSelector completed;  // the last message delivered
+    Timestamp completedAckAt = 0;
+    bool haveRefused = false;
+    MsgSelector refused;  // the last message refused (noted once)
     int nudges = 0;
     Timestamp lastNudge = 0;
 };

@@ -3,6 +3,8 @@
 
 #include <limits>
 
+#include "Velto/platform.h"
+
 namespace device {
 
 bool MessageOutbox::enqueue(const MsgSelector& ms, std::vector<uint8_t> data) {
@@ -39,18 +41,37 @@ bool MessageOutbox::nextPiece(MessageCarrierPack& pack) {
     return sender.getNextPack(pack);
 }
 
+namespace {
+
+bool sameMessage(const MsgSelector& a, const MsgSelector& b) { return a == b && a.msgNo == b.msgNo; }
+
+}  // namespace
+
 bool MessageOutbox::takeAck(const MessageCarrierACKPack& ack) {
-    if (!inFlight) return false;
     MsgSelector ms;
     ms = ack;
-    const MsgSelector& cur = sender.getMsgInfo();
+    // Acks of the message finished last keep coming while the hub works
+    // through the pieces it already had; they need no answer.
+    if (haveFinished && sameMessage(lastFinished, ms)) return true;
+    if (!inFlight) return false;
     // Selector equality ignores msgNo; a late acknowledgement of an earlier
     // message with the same addressing must not move this one.
-    if (!(cur == ms) || cur.msgNo != ack.msgNo) return false;
+    const MsgSelector& cur = sender.getMsgInfo();
+    if (!sameMessage(cur, ms)) return false;
     MsgSender::SenderStatus st = sender.getStatus();
     if (st == MsgSender::EMPTY || st == MsgSender::DONE) return false;
+    const Timestamp now = currentTime();
+    if (ack.lastSeqNo < cur.msgSize && wentBack && ack.lastSeqNo == wentBackPos &&
+        now < wentBackAt + REPEAT_WAIT_MS)
+        return true;
     if (!sender.processAck(ack.lastSeqNo, ms)) return false;
-    if (sender.getStatus() == MsgSender::DONE) finish(true, "");
+    if (sender.getStatus() == MsgSender::DONE) {
+        finish(true, "");
+        return true;
+    }
+    wentBack = true;
+    wentBackPos = ack.lastSeqNo;
+    wentBackAt = now;
     return true;
 }
 
@@ -66,6 +87,9 @@ bool MessageOutbox::checkTimeout() {
 
 void MessageOutbox::finish(bool delivered, const std::string& reason) {
     results.push_back({flying.ms.msgNo, delivered, reason});
+    haveFinished = true;
+    lastFinished = flying.ms;
+    wentBack = false;
     sender.clear();
     flying = Pending();
     inFlight = false;

@@ -3,7 +3,11 @@
 //
 // Messages go out one at a time (the hub reassembles one message per device at
 // a time) in pieces of at most 326 bytes. An acknowledgement of the whole size
-// completes a message; a smaller one makes the sender resend from there. When
+// completes a message; a smaller one makes the sender resend from there, once
+// per round: the hub acknowledges its gap again for every piece that follows
+// it, so a repeat of the position already gone back to is taken without
+// restarting the round, unless 250 ms have passed since (the resent piece may
+// have been lost too). When
 // no acknowledgement comes within the sender's wait, the last piece is sent
 // again; after too many consecutive failures the message is given up. Every
 // finished message leaves one result. No I/O: the caller sends the pieces.
@@ -47,9 +51,13 @@ public:
     // false when nothing is to be sent now.
     bool nextPiece(MessageCarrierPack& pack);
 
+    static constexpr int REPEAT_WAIT_MS = 250;
+
     // Takes an acknowledgement. Returns true when it belongs to the message in
-    // flight (same addressing and msgNo) and was accepted; false otherwise
-    // (stale, foreign, or beyond what was sent), with nothing changed.
+    // flight (same addressing and msgNo) and was accepted, or repeats a
+    // position gone back to within REPEAT_WAIT_MS, or is a late one of the
+    // message finished last (those two change nothing); false otherwise
+    // (foreign, or beyond what was sent), with nothing changed.
     bool takeAck(const MessageCarrierACKPack& ack);
 
     // Looks at the message in flight: after a time-out, arranges for the last
@@ -77,6 +85,11 @@ private:
     bool inFlight = false;
     MsgSender sender;
     std::vector<DeliveryResult> results;
+    bool wentBack = false;  // this round's resume position, while in flight
+    uint32_t wentBackPos = 0;
+    Timestamp wentBackAt = 0;
+    bool haveFinished = false;
+    MsgSelector lastFinished;  // msgNo included
 };
 
 }  // namespace device
