@@ -61,18 +61,23 @@ bool MessageOutbox::takeAck(const MessageCarrierACKPack& ack) {
     MsgSender::SenderStatus st = sender.getStatus();
     if (st == MsgSender::EMPTY || st == MsgSender::DONE) return false;
     const Timestamp now = currentTime();
-    if (ack.lastSeqNo < cur.msgSize && wentBack && ack.lastSeqNo == wentBackPos &&
-        now < wentBackAt + REPEAT_WAIT_MS)
-        return true;
+    if (ack.lastSeqNo < cur.msgSize && recentlyWentBackTo(ack.lastSeqNo, now)) return true;
     if (!sender.processAck(ack.lastSeqNo, ms)) return false;
     if (sender.getStatus() == MsgSender::DONE) {
         finish(true, "");
         return true;
     }
-    wentBack = true;
-    wentBackPos = ack.lastSeqNo;
-    wentBackAt = now;
+    wentBack.push_back(Resume{ack.lastSeqNo, now});
     return true;
+}
+
+// Forgets positions older than REPEAT_WAIT_MS; a held-back repeat of an older
+// round's position must not undo the rounds after it.
+bool MessageOutbox::recentlyWentBackTo(uint32_t pos, Timestamp now) {
+    while (!wentBack.empty() && wentBack.front().at + REPEAT_WAIT_MS <= now) wentBack.pop_front();
+    for (const Resume& r : wentBack)
+        if (r.pos == pos) return true;
+    return false;
 }
 
 bool MessageOutbox::checkTimeout() {
@@ -89,7 +94,7 @@ void MessageOutbox::finish(bool delivered, const std::string& reason) {
     results.push_back({flying.ms.msgNo, delivered, reason});
     haveFinished = true;
     lastFinished = flying.ms;
-    wentBack = false;
+    wentBack.clear();
     sender.clear();
     flying = Pending();
     inFlight = false;

@@ -5,9 +5,9 @@
 // a time) in pieces of at most 326 bytes. An acknowledgement of the whole size
 // completes a message; a smaller one makes the sender resend from there, once
 // per round: the hub acknowledges its gap again for every piece that follows
-// it, so a repeat of the position already gone back to is taken without
-// restarting the round, unless 250 ms have passed since (the resent piece may
-// have been lost too). When
+// it, so a repeat of a position gone back to in the last 250 ms is taken
+// without restarting a round (after that the resent piece may have been lost
+// too, and the repeat counts again). When
 // no acknowledgement comes within the sender's wait, the last piece is sent
 // again; after too many consecutive failures the message is given up. Every
 // finished message leaves one result. No I/O: the caller sends the pieces.
@@ -55,7 +55,7 @@ public:
 
     // Takes an acknowledgement. Returns true when it belongs to the message in
     // flight (same addressing and msgNo) and was accepted, or repeats a
-    // position gone back to within REPEAT_WAIT_MS, or is a late one of the
+    // position gone back to within the last REPEAT_WAIT_MS, or is a late one of the
     // message finished last (those two change nothing); false otherwise
     // (foreign, or beyond what was sent), with nothing changed.
     bool takeAck(const MessageCarrierACKPack& ack);
@@ -85,9 +85,12 @@ private:
     bool inFlight = false;
     MsgSender sender;
     std::vector<DeliveryResult> results;
-    bool wentBack = false;  // this round's resume position, while in flight
-    uint32_t wentBackPos = 0;
-    Timestamp wentBackAt = 0;
+    struct Resume {
+        uint32_t pos;
+        Timestamp at;
+    };
+    bool recentlyWentBackTo(uint32_t pos, Timestamp now);
+    std::deque<Resume> wentBack;  // positions gone back to, newest last
     bool haveFinished = false;
     MsgSelector lastFinished;  // msgNo included
 };
