@@ -10,7 +10,7 @@ using namespace device;
 namespace {
 
 const std::vector<uint8_t> MSG = [] {
-    std::vector<uint8_t> d(1000);
+    std::vector<uint8_t> d(1500);
     for (size_t i = 0; i < d.size(); ++i) d[i] = static_cast<uint8_t>(1 + i * 13);
     return d;
 }();
@@ -32,29 +32,47 @@ MessageCarrierPack piece(uint32_t pos, MessageNo no = 9) {
 
 }  // namespace
 
-// A gap asks the sender to resume where the bytes stop; the whole message is
-// acknowledged once at its end and delivered; a repeat of it is acknowledged
-// but not delivered again; an oversized message is refused.
-TEST(MessageInbox, GapsAckAtTheEndAndRepeats) {
+// Pieces past a gap are kept. A gap is acknowledged once per round: again only
+// when the sender's round from the asked position reached the last piece with a
+// hole left, or 250 ms later. The whole message is acknowledged and delivered
+// once; its repeats are acknowledged at most once per 250 ms.
+TEST(MessageInbox, OneAcknowledgementPerRound) {
+    struct Step {
+        uint32_t pos;
+        int atMs;
+        int64_t ack;  // -1: none
+        bool complete;
+    };
+    const Step steps[] = {
+        {0, 0, -1, false},        {652, 0, 326, false},   // first gap
+        {1304, 0, -1, false},     {652, 0, -1, false},    // the old round goes on
+        {326, 10, -1, false},                             // resent from 326: prefix 978
+        {1304, 10, 978, false},                           // that round ended, hole at 978
+        {1304, 20, -1, false},    {1304, 300, 978, false},  // asked again only after 250 ms
+        {978, 300, 1500, true},   {1304, 310, -1, false},   // complete; a repeat soon after
+        {1304, 600, 1500, false},                         // and one 250 ms later
+    };
     MessageInbox inbox{4096};
-    InboxOutcome o;
-    ASSERT_TRUE(inbox.take(piece(0), o));
-    EXPECT_FALSE(o.sendAck);
-    EXPECT_FALSE(inbox.take(piece(652), o));
-    EXPECT_TRUE(o.sendAck);
-    EXPECT_EQ(326u, o.ackPos);
-    for (uint32_t pos : {326u, 652u}) ASSERT_TRUE(inbox.take(piece(pos), o));
-    EXPECT_FALSE(o.sendAck);
-    ASSERT_TRUE(inbox.take(piece(978), o));
-    EXPECT_TRUE(o.sendAck);
-    EXPECT_EQ(1000u, o.ackPos);
-    ASSERT_TRUE(o.complete);
-    EXPECT_EQ(MSG, o.message.data);
-    ASSERT_TRUE(inbox.take(piece(978), o));
-    EXPECT_TRUE(o.sendAck);
-    EXPECT_FALSE(o.complete) << "a repeat is not delivered again";
+    for (const Step& st : steps) {
+        setClockOffsetForTesting(st.atMs);
+        InboxOutcome o;
+        EXPECT_TRUE(inbox.take(piece(st.pos), o)) << st.pos << " at " << st.atMs;
+        EXPECT_EQ(st.ack >= 0, o.sendAck) << st.pos << " at " << st.atMs;
+        if (st.ack >= 0) {
+            EXPECT_EQ(st.ack, o.ackPos) << st.pos << " at " << st.atMs;
+        }
+        EXPECT_EQ(st.complete, o.complete);
+        if (o.complete) {
+            EXPECT_EQ(MSG, o.message.data);
+        }
+    }
+    setClockOffsetForTesting(0);
     MessageInbox small{500};
+    InboxOutcome o;
     EXPECT_FALSE(small.take(piece(0, 10), o));
+    EXPECT_FALSE(o.note.empty());
+    EXPECT_FALSE(small.take(piece(326, 10), o));
+    EXPECT_TRUE(o.note.empty()) << "a refused message is noted once";
 }
 
 // A stalled reception is nudged with the resume position, then abandoned.

@@ -79,3 +79,34 @@ TEST(MessageOutbox, TimeoutResendsTheLastPieceAndFinallyGivesUp) {
     ASSERT_EQ(1u, results.size());
     EXPECT_FALSE(results[0].delivered);
 }
+
+// The hub acknowledges its gap once for every piece past it: a position gone
+// back to in the last 250 ms does not restart a round (not even when a held-
+// back repeat of it comes after a newer one); later it does. Acks of the
+// message finished last change nothing.
+TEST(MessageOutbox, RepeatedAcksDoNotRestartARound) {
+    struct Step {
+        uint32_t pos;
+        int atMs;
+        std::vector<uint32_t> resent;
+    };
+    const Step steps[] = {
+        {326, 0, {326, 652, 978}}, {326, 0, {}},   {652, 5, {652, 978}},
+        {326, 100, {}},            {326, 300, {326, 652, 978}},
+    };
+    MessageOutbox box;
+    ASSERT_TRUE(box.enqueue(direct(7), std::vector<uint8_t>(1000, 2)));
+    drain(box);
+    for (const Step& st : steps) {
+        setClockOffsetForTesting(st.atMs);
+        EXPECT_TRUE(box.takeAck(ackFor(7, st.pos)));
+        EXPECT_EQ(st.resent, drain(box)) << st.pos << " at " << st.atMs;
+    }
+    EXPECT_TRUE(box.takeAck(ackFor(7, 1000)));
+    EXPECT_TRUE(box.takeAck(ackFor(7, 326)));
+    setClockOffsetForTesting(0);
+    auto results = box.takeResults();
+    ASSERT_EQ(1u, results.size());
+    EXPECT_TRUE(results[0].delivered);
+    EXPECT_FALSE(box.busy());
+}
