@@ -1,0 +1,93 @@
+// Long messages between two velto-device simulators, each behind its own
+// velto-link that drops 2 %, duplicates 1 % and holds back 1 % of the
+// datagrams both ways: they arrive intact and once. The real hub, links and
+// simulators run as processes inside a private network namespace.
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/child_process.h"
+#include "tests/support/test_support.h"
+
+using namespace testsupport;
+
+namespace {
+
+// Bytes that are not all printable, so the simulator shows them as hex.
+std::string hexPattern(size_t n, unsigned seed) {
+    static const char* digits = "0123456789abcdef";
+    std::string hex;
+    hex.reserve(2 * n);
+    for (size_t i = 0; i < n; ++i) {
+        const unsigned b = (i * 7 + seed * 31 + (i >> 9)) & 0xFF;
+        hex += digits[b >> 4];
+        hex += digits[b & 15];
+    }
+    return hex;
+}
+
+size_t occurrences(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
+    return n;
+}
+
+class LossyLink : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(insidePrivateNetwork()) << "run through tests/netns.sh";
+        ASSERT_EQ(0, mkdir(work.file("DB").c_str(), 0755));
+        ASSERT_TRUE(hub.start({VELTO_HUB_BIN}, work.path(), "hub"));
+        ASSERT_TRUE(hub.waitForOutput("Successfully bind", 5000)) << hub.out();
+        const char* port[2] = {"19101", "19102"};
+        const char* duid[2] = {"lossy-a", "lossy-b"};
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_TRUE(link[i].start({VELTO_LINK_BIN, "--listen", port[i], "--drop", "0.02", "--duplicate",
+                                       "0.01", "--reorder", "0.01", "--seed", std::to_string(40 + i)},
+                                      work.path(), std::string("link-") + duid[i]));
+            ASSERT_TRUE(link[i].waitForOutput("relaying", 5000)) << link[i].err();
+            ASSERT_TRUE(dev[i].start({VELTO_DEVICE_BIN, "--duid", duid[i], "--specs", "ab", "--hub",
+                                      std::string("127.0.0.1:") + port[i], "--timeout", "10000"},
+                                     work.path(), duid[i]));
+            ASSERT_TRUE(dev[i].waitForOutput(" objects 1\n", 12000)) << dev[i].err();
+        }
+        const std::string joined = dev[1].out();
+        const size_t at = joined.find(" as node ") + 9;
+        nodeB = joined.substr(at, joined.find(' ', at) - at);
+    }
+
+    TempDir work;
+    ChildProcess hub, link[2], dev[2];
+    std::string nodeB;
+};
+
+}  // namespace
+
+TEST_F(LossyLink, LongMessagesArriveIntactWithinTheirBounds) {
+    struct Case {
+        size_t size;
+        int withinMs;
+    };
+    const Case cases[] = {{65536, 5000}, {1000000, 30000}};
+    unsigned seed = 1;
+    for (const Case& c : cases) {
+        const std::string hex = hexPattern(c.size, seed++);
+        dev[0].writeLine("send " + nodeB + "/0 5 hex:" + hex);
+        EXPECT_TRUE(dev[1].waitForOutput("size " + std::to_string(c.size) + ": hex:" + hex + "\n", c.withinMs))
+            << c.size << " bytes\n" << dev[1].err().substr(0, 2000) << dev[0].err().substr(0, 2000);
+    }
+    ASSERT_TRUE(dev[0].waitForOutput("delivered no 2\n", 5000)) << dev[0].err().substr(0, 2000);
+    sleepMs(300);
+    EXPECT_EQ(2u, occurrences(dev[1].out(), "message from ")) << "each message delivered once";
+    // The faults did happen on both legs of the sender's link.
+    ASSERT_EQ(0, link[0].terminate());
+    for (const char* leg : {"up ", "down "}) {
+        const std::string out = link[0].out();
+        const std::string line = out.substr(out.find(leg), out.find('\n', out.find(leg)) - out.find(leg));
+        for (const char* fault : {" 0 dropped", " 0 duplicated", " 0 held back"})
+            EXPECT_EQ(std::string::npos, line.find(fault)) << line;
+    }
+}
