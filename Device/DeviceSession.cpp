@@ -521,6 +521,7 @@ int DeviceSession::poll(int timeoutMs) {
     for (;;) {
         service(currentTime());
         int slice = outbox.busy() || inbox.receiving() || st != State::READY ? 25 : 100;
+        if (outbox.betweenBursts()) slice = MessageOutbox::BURST_GAP_MS;
         int wait = std::min(remainingMs(deadline), slice);
         SockAddress from;
         int n = link.receive(buf, sizeof(buf), from, static_cast<uint32_t>(wait));

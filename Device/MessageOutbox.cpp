@@ -38,7 +38,15 @@ bool MessageOutbox::startNext() {
 bool MessageOutbox::nextPiece(MessageCarrierPack& pack) {
     if (!inFlight && !startNext()) return false;
     if (sender.getStatus() != MsgSender::SEND_NOW) return false;
-    return sender.getNextPack(pack);
+    const Timestamp now = currentTime();
+    if (burstLeft == 0) {
+        if (now < lastPieceAt + BURST_GAP_MS) return false;
+        burstLeft = BURST_PIECES;
+    }
+    if (!sender.getNextPack(pack)) return false;
+    --burstLeft;
+    lastPieceAt = now;
+    return true;
 }
 
 namespace {
@@ -68,6 +76,7 @@ bool MessageOutbox::takeAck(const MessageCarrierACKPack& ack) {
         return true;
     }
     wentBack.push_back(Resume{ack.lastSeqNo, now});
+    burstLeft = BURST_PIECES;
     return true;
 }
 
@@ -98,6 +107,7 @@ void MessageOutbox::finish(bool delivered, const std::string& reason) {
     sender.clear();
     flying = Pending();
     inFlight = false;
+    burstLeft = BURST_PIECES;
 }
 
 void MessageOutbox::abandonAll(const std::string& reason) {

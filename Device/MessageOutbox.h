@@ -7,7 +7,10 @@
 // per round: the hub acknowledges its gap again for every piece that follows
 // it, so a repeat of a position gone back to in the last 250 ms is taken
 // without restarting a round (after that the resent piece may have been lost
-// too, and the repeat counts again). When
+// too, and the repeat counts again). Pieces go out in bursts of at most
+// BURST_PIECES with BURST_GAP_MS of quiet between them (the hub names a gap
+// as soon as a piece past it arrives, so a loss costs at most one burst, not
+// the whole rest of the message); a go-back starts a new burst at once. When
 // no acknowledgement comes within the sender's wait, the last piece is sent
 // again; after too many consecutive failures the message is given up. Every
 // finished message leaves one result. No I/O: the caller sends the pieces.
@@ -32,6 +35,8 @@ struct DeliveryResult {
 class MessageOutbox {
 public:
     static constexpr size_t MAX_QUEUED = 64;
+    static constexpr int BURST_PIECES = 128;
+    static constexpr int BURST_GAP_MS = 5;
 
     // Queues a message with its addressing (msgNo set by the caller). Returns
     // false when data is empty, larger than 4 GiB, or the queue is full.
@@ -50,6 +55,8 @@ public:
     // message when none is in flight. Returns true when a piece was produced,
     // false when nothing is to be sent now.
     bool nextPiece(MessageCarrierPack& pack);
+    // True when pieces wait only for the quiet time between two bursts.
+    bool betweenBursts() const { return inFlight && burstLeft == 0; }
 
     static constexpr int REPEAT_WAIT_MS = 250;
 
@@ -91,6 +98,8 @@ private:
     };
     bool recentlyWentBackTo(uint32_t pos, Timestamp now);
     std::deque<Resume> wentBack;  // positions gone back to, newest last
+    int burstLeft = BURST_PIECES;  // pieces the current burst may still send
+    Timestamp lastPieceAt = 0;
     bool haveFinished = false;
     MsgSelector lastFinished;  // msgNo included
 };
