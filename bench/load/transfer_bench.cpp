@@ -4,7 +4,7 @@
 // a clean link and over links that drop 2 %, duplicate 1 % and hold back 1 %
 // of the datagrams both ways; (2) the hub's device list as a device sees it
 // with 1,000 / 5,000 / 10,000 devices connected (the scale fleet). Prints one
-// RESULT line per figure and a small table. Run inside a private network
+// RESULT line per figure. Run inside a private network
 // namespace; every wait is bounded.
 #include <unistd.h>
 
