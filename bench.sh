@@ -18,7 +18,7 @@ cd "$(dirname "$0")"
 ensure_packages $VELTO_PACKAGES $BENCH_PACKAGES
 
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVELTO_BUILD_TESTS=OFF -DVELTO_BUILD_BENCH=ON >/dev/null
-cmake --build build-bench -j2 --target velto-bench
+cmake --build build-bench -j2 --target velto-bench velto-transfer
 
 mode=()
 out="$PWD/bench/results"
@@ -27,5 +27,13 @@ if [ "${1:-}" = "--quick" ]; then
     out="$PWD/build-bench/quick-results"
 fi
 mkdir -p "$out"
-exec tests/netns.sh "$PWD/build-bench/velto-bench" --bin-dir "$PWD/build-bench" \
+tests/netns.sh "$PWD/build-bench/velto-bench" --bin-dir "$PWD/build-bench" \
     --out "$out" ${mode[@]+"${mode[@]}"}
+
+# Transfer figures (long messages over clean and lossy links, the device list
+# in large homes); their RESULT lines also go to transfer.txt.
+counts=1000,5000,10000
+[ ${#mode[@]} -gt 0 ] && counts=1000
+echo "Transfers and the device list:"
+tests/netns.sh "$PWD/build-bench/velto-transfer" --bin-dir "$PWD/build-bench" \
+    --work "$PWD/build-bench/transfer-work" --counts "$counts" | tee "$out/transfer.txt"
