@@ -328,7 +328,7 @@ void DeviceSession::handleDatagram(const uint8_t* data, size_t n, const SockAddr
     VeltoPacket header;
     if (header.deserialize(data, n, false) < 1) return diag("refused a datagram too short for a pack");
     if (link.hasHub() && from != link.hub())
-        return diag("ignored a datagram from " + addressText(from) + ", which is not the hub");
+        return noteStranger(from);
     if (link.hasHub()) {
         lastHeard = now;
         unansweredPingAt = 0;
@@ -353,6 +353,15 @@ void DeviceSession::handleDatagram(const uint8_t* data, size_t n, const SockAddr
         default:
             return diag("refused unexpected pack " + std::to_string(header.id) + " from the hub");
     }
+}
+
+// A stranger may send any number of datagrams: the 1st, 2nd, 4th, 8th, ...
+// get a line.
+void DeviceSession::noteStranger(const SockAddress& from) {
+    ++strangers;
+    if ((strangers & (strangers - 1)) != 0) return;
+    diag("ignored a datagram from " + addressText(from) + ", which is not the hub (" + std::to_string(strangers) +
+         " so far)");
 }
 
 void DeviceSession::handlePing(const uint8_t* data, size_t n, Timestamp) {

@@ -147,6 +147,7 @@ private:
     void service(Timestamp now);
     void handleDatagram(const uint8_t* data, size_t n, const SockAddress& from, Timestamp now);
     bool acceptPostJoin(VeltoPacket& pack, const uint8_t* data, size_t n);
+    void noteStranger(const SockAddress& from);
 
     void announce(Timestamp now);
     void sendJoin(Timestamp now);
@@ -196,6 +197,7 @@ private:
     bool discovered = false;  // the hub's address came from an offer to the group
     std::string joinProblem;  // why the last join answer was refused
     bool warnedType2 = false;
+    uint64_t strangers = 0;  // datagrams ignored because they did not come from the hub
 
     Timestamp lastAnnounce = 0;
     Timestamp joinSentAt = 0;
