@@ -135,11 +135,17 @@ TEST_F(DeviceSessionTest, AnswersPingsAndRejoinsWhenTheHubLeavesAPingUnanswered)
     NewBornDevicePack again;
     ASSERT_TRUE(expect(again));
     EXPECT_EQ("lamp-01", again.prevn.str());
+    const Timestamp triedAt = currentTime();
     UdpSocket stranger;
     ASSERT_TRUE(stranger.bind(SockAddress("127.0.0.1", 0), false));
     offerFrom(stranger);
     for (int i = 0; i < 10; ++i) session->poll(5);
     EXPECT_EQ(DeviceSession::State::ANNOUNCING, session->state()) << "no join for a stranger's offer";
+    offerFrom(hub);
+    NetworkJoinPack refused;  // and never answered, as a hub of another domain does
+    ASSERT_TRUE(expect(refused));
+    ASSERT_TRUE(expect(again));
+    EXPECT_GE(currentTime() - triedAt, 380u) << "the next try waits for its pause";
     handshake();
     if (HasFatalFailure()) return;
     EXPECT_EQ(1000, session->nodeId());
