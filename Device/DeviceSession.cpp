@@ -300,7 +300,9 @@ void DeviceSession::becomeReady(Timestamp now) {
 
 bool DeviceSession::acceptPostJoin(VeltoPacket& pack, const uint8_t* data, size_t n) {
     if (st != State::CONFIGURING && st != State::READY) {
-        diag("ignored pack " + std::to_string(data[0]) + " outside a session");
+        // While rejoining, a hub that still holds the lost session may go on
+        // pinging and sending pieces for a moment: expected, not noted.
+        if (!rejoining) diag("ignored pack " + std::to_string(data[0]) + " outside a session");
         return false;
     }
     SignatureCheck check;

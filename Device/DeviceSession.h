@@ -121,8 +121,7 @@ public:
     // emptied within timeoutMs (whatever the outcomes), false otherwise.
     bool flush(int timeoutMs);
     // Asks node 1, object 1 for the device list and waits for the reply.
-    // Returns true with out filled; false when not READY (rejoining included),
-    // on time-out, or when
+    // Returns true with out filled; false when not READY, on time-out, or when
     // the reply does not decode.
     bool requestDeviceList(BasicDeviceListMsg& out, int timeoutMs);
 
