@@ -47,7 +47,9 @@ protected:
             if (countOf(p.out(), needle) >= n) return true;
         return false;
     }
-    static std::string backLine(DeviceID id) { return "rejoined hub [127.0.0.1]:1881 as node " + std::to_string(id) + " "; }
+    static std::string backLine(DeviceID id) {
+        return "rejoined hub [127.0.0.1]:1881 as node " + std::to_string(id) + " ";
+    }
 };
 
 }  // namespace
@@ -82,8 +84,10 @@ TEST_F(HubRestart, DevicesRejoinAfterSigtermAndSigkillWithSubscriptionsAndQueued
             << sw.out() << sw.err();
         printf("%s: both devices back %u ms after the stop\n", round == 1 ? "SIGTERM" : "SIGKILL",
                static_cast<unsigned>(currentTime() - stopped));
-        for (ChildProcess* p : {&lamp, &sw})
+        for (ChildProcess* p : {&lamp, &sw}) {
             EXPECT_EQ(round, countOf(p->out(), "lost the hub: ")) << "one line per loss: " << p->out();
+            EXPECT_EQ(round, countOf(p->out(), "rejoined hub ")) << "one line per return: " << p->out();
+        }
         lamp.writeLine("notify 0 7 after-" + tag);
         EXPECT_TRUE(sw.waitForOutput(": after-" + tag + "\n", 8000)) << sw.out() << sw.err() << hub.err();
         EXPECT_EQ(0u, lineWith(sw.out(), ": after-" + tag).find("notification from " + lampNode + "/0 event 7 "));
