@@ -497,9 +497,9 @@ bool DeviceSession::sendSubscription(const Subscription& s, bool on) {
 
 // Sends every held subscription again (and, after a rejoin, the withdrawals
 // made while lost). One line at most when sends fail.
-void DeviceSession::renewSubscriptions(Timestamp now, bool all) {
+void DeviceSession::renewSubscriptions(Timestamp now, bool afterRejoin) {
     size_t failed = 0;
-    if (all) {
+    if (afterRejoin) {
         for (const Subscription& s : withdrawn) failed += sendSubscription(s, false) ? 0 : 1;
         withdrawn.clear();
     }

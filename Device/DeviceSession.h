@@ -173,7 +173,7 @@ private:
     void beginTry(Timestamp now);
     int nextPauseMs();
     void becomeReady(Timestamp now);
-    void renewSubscriptions(Timestamp now, bool all);
+    void renewSubscriptions(Timestamp now, bool afterRejoin);
     using Subscription = std::tuple<DeviceID, uint8_t, uint16_t>;  // node, object, event
     bool sendSubscription(const Subscription& s, bool on);
     bool underWay() const { return st == State::READY || (everReady && st != State::IDLE); }
