@@ -215,9 +215,12 @@ std::string cliUsage() {
            "  error NAME (code C) category K from NODE/OBJECT id MSGID to NODE/OBJECT: TEXT\n"
            "  delivered no N  |  not delivered no N: REASON\n"
            "Data that is not printable text is shown as hex:HEXDIGITS.\n"
+           "When the hub is lost the device rejoins by itself, printing one line each way:\n"
+           "  lost the hub: REASON; rejoining  |  rejoined hub ... as node N ...\n"
+           "Messages sent meanwhile (to a node id) wait for the rejoin.\n"
            "\n"
-           "Exit status: 0 after quit or end of input, 1 when the hub does not answer,\n"
-           "refuses the join or is lost, 2 on bad arguments.\n";
+           "Exit status: 0 after quit or end of input, 1 when the hub does not answer or\n"
+           "refuses the first join, 2 on bad arguments.\n";
 }
 
 }  // namespace device

@@ -75,25 +75,36 @@ bool DeviceSession::start() {
     std::string why;
     if (!validateConfig(cfg, why)) return fail("invalid device configuration: " + why);
     if (!link.isOpen() && !link.open()) return fail("cannot open a UDP socket");
-    if (cfg.discover)
-        link.forgetHub();
-    else
-        link.setHub(cfg.hub);
     outbox.abandonAll("the session was restarted");
     reportDeliveries();
     myId = 0;
-    link.setDeviceId(0);
-    link.setSigning(NO_SIGNATURE_TYPE, ByteArray<32>());
-    sessKey = ByteArray<32>();
     hubPacketNo = -1;
-    offerSeen = false;
-    discovered = false;
-    joinProblem.clear();
+    everReady = rejoining = false;
+    lostAt = resumeSendingAt = 0;
+    held.clear();
+    withdrawn.clear();
+    resetHandshake();
     st = State::ANNOUNCING;
     Timestamp now = currentTime();
     lastHeard = now;
     announce(now);
     return true;
+}
+
+// What every handshake starts from; the node id is kept for the messages
+// queued while rejoining.
+void DeviceSession::resetHandshake() {
+    if (cfg.discover)
+        link.forgetHub();
+    else
+        link.setHub(cfg.hub);
+    link.setDeviceId(0);
+    link.setSigning(NO_SIGNATURE_TYPE, ByteArray<32>());
+    sessKey = ByteArray<32>();
+    offerSeen = false;
+    discovered = false;
+    joinProblem.clear();
+    unansweredPingAt = 0;
 }
 
 void DeviceSession::announce(Timestamp now) {
@@ -128,7 +139,7 @@ void DeviceSession::sendJoin(Timestamp now) {
 bool DeviceSession::join(int timeoutMs) {
     if (st == State::READY) return true;
     Timestamp deadline = deadlineAfter(timeoutMs);
-    if (!start()) return false;
+    if (st == State::IDLE && !start()) return false;
     while (st != State::READY) {
         int left = remainingMs(deadline);
         if (left == 0) return fail(joinFailure(timeoutMs));
@@ -206,6 +217,9 @@ void DeviceSession::handleAcceptance(const uint8_t* data, size_t n, Timestamp no
         joinProblem = "the hub gave node id 0";
         return diag("refused join acceptance: " + joinProblem);
     }
+    if (myId != 0 && acc.nodeId != myId)
+        diag("the hub gave node id " + std::to_string(acc.nodeId) + " instead of " + std::to_string(myId) +
+             "; messages queued meanwhile still name the old one");
     myId = acc.nodeId;
     sessKey = key;
     link.setDeviceId(myId);
@@ -257,7 +271,28 @@ void DeviceSession::handleGetObjectInfo(const uint8_t* data, size_t n, Timestamp
 void DeviceSession::handleConfigComplete(const uint8_t* data, size_t n) {
     ConfigurationCompletePack p;
     if (!acceptPostJoin(p, data, n)) return;
-    if (st == State::CONFIGURING) st = State::READY;
+    if (st == State::CONFIGURING) becomeReady(currentTime());
+}
+
+void DeviceSession::becomeReady(Timestamp now) {
+    st = State::READY;
+    everReady = true;
+    if (!rejoining) {
+        renewPauseMs = timing.renewMaxMs;
+        nextRenewAt = now + static_cast<Timestamp>(renewPauseMs);
+        return;
+    }
+    rejoining = false;
+    tries = 0;
+    resumeSendingAt = now + static_cast<Timestamp>(std::max(0, timing.rejoinSettleMs));
+    renewSubscriptions(now, true);
+    renewPauseMs = 1000;
+    nextRenewAt = now + static_cast<Timestamp>(renewPauseMs);
+    if (lostAt == 0) return;  // lost before the first join was complete: nothing was reported
+    diag("session back: node " + std::to_string(myId) + " after " + std::to_string(now - lostAt) + " ms");
+    lostAt = 0;
+    lastErr.clear();
+    if (sessionCb) sessionCb(true);
 }
 
 // ---------------------------------------------------------------------------
@@ -265,7 +300,9 @@ void DeviceSession::handleConfigComplete(const uint8_t* data, size_t n) {
 
 bool DeviceSession::acceptPostJoin(VeltoPacket& pack, const uint8_t* data, size_t n) {
     if (st != State::CONFIGURING && st != State::READY) {
-        diag("ignored pack " + std::to_string(data[0]) + " outside a session");
+        // While rejoining, a hub that still holds the lost session may go on
+        // pinging and sending pieces for a moment: expected, not noted.
+        if (!rejoining) diag("ignored pack " + std::to_string(data[0]) + " outside a session");
         return false;
     }
     SignatureCheck check;
@@ -293,8 +330,11 @@ void DeviceSession::handleDatagram(const uint8_t* data, size_t n, const SockAddr
     VeltoPacket header;
     if (header.deserialize(data, n, false) < 1) return diag("refused a datagram too short for a pack");
     if (link.hasHub() && from != link.hub())
-        return diag("ignored a datagram from " + addressText(from) + ", which is not the hub");
-    if (link.hasHub()) lastHeard = now;
+        return noteStranger(from);
+    if (link.hasHub()) {
+        lastHeard = now;
+        unansweredPingAt = 0;
+    }
     switch (header.id) {
         case AdoptionOfferPack::PACK_ID:
             return handleOffer(data, n, from, now);
@@ -315,6 +355,15 @@ void DeviceSession::handleDatagram(const uint8_t* data, size_t n, const SockAddr
         default:
             return diag("refused unexpected pack " + std::to_string(header.id) + " from the hub");
     }
+}
+
+// A stranger may send any number of datagrams: the 1st, 2nd, 4th, 8th, ...
+// get a line.
+void DeviceSession::noteStranger(const SockAddress& from) {
+    ++strangers;
+    if ((strangers & (strangers - 1)) != 0) return;
+    diag("ignored a datagram from " + addressText(from) + ", which is not the hub (" + std::to_string(strangers) +
+         " so far)");
 }
 
 void DeviceSession::handlePing(const uint8_t* data, size_t n, Timestamp) {
@@ -374,6 +423,9 @@ void DeviceSession::handleError(const uint8_t* data, size_t n) {
     if (!readMessageError(data, n, e)) return diag("refused a malformed error pack from the hub");
     VeltoPacket header;
     if (header.deserialize(data, n, false) >= 1) hubPacketNo = header.packetNo;
+    // A refused subscription is not held: it is not renewed.
+    if (e.errorCode == MessageErrorPack::PERMISSION_DENIED && e.category == NOTIFICATION_MSGCAT)
+        held.erase(Subscription(e.fromNodeId, e.fromObjectNo, e.msgId));
     if (errorCb) errorCb(e);
 }
 
@@ -382,7 +434,7 @@ void DeviceSession::handleError(const uint8_t* data, size_t n) {
 
 int64_t DeviceSession::queueMessage(MsgSelector ms, const std::vector<uint8_t>& data) {
     std::string why;
-    if (st != State::READY)
+    if (!underWay())
         why = "not connected to a hub";
     else if (ms.fromObjectNo >= cfg.objects.size())
         why = "the device has no object " + std::to_string(ms.fromObjectNo);
@@ -421,18 +473,44 @@ int64_t DeviceSession::notify(uint8_t fromObject, MessageID eventId, const std::
 }
 
 bool DeviceSession::subscribe(DeviceID node, uint8_t object, uint16_t eventId, bool on) {
-    if (st != State::READY) return fail("not connected to a hub");
+    if (!underWay()) return fail("not connected to a hub");
+    Subscription s(node, object, eventId);
+    if (on) {
+        held.insert(s);
+        withdrawn.erase(s);
+    } else {
+        held.erase(s);
+        if (st != State::READY) withdrawn.insert(s);
+    }
+    if (st != State::READY) return true;  // sent when the session is back
+    return sendSubscription(s, on) || fail("could not send the subscription");
+}
+
+bool DeviceSession::sendSubscription(const Subscription& s, bool on) {
     NotificationSubscriptionPack p;
-    p.nodeId = node;
-    p.objectNo = object;
-    p.eventId = eventId;
+    p.nodeId = std::get<0>(s);
+    p.objectNo = std::get<1>(s);
+    p.eventId = std::get<2>(s);
     p.subscribe = on ? 1 : 0;
-    if (!link.send(p)) return fail("could not send the subscription");
-    return true;
+    return link.send(p);
+}
+
+// Sends every held subscription again (and, after a rejoin, the withdrawals
+// made while lost). One line at most when sends fail.
+void DeviceSession::renewSubscriptions(Timestamp now, bool afterRejoin) {
+    size_t failed = 0;
+    if (afterRejoin) {
+        for (const Subscription& s : withdrawn) failed += sendSubscription(s, false) ? 0 : 1;
+        withdrawn.clear();
+    }
+    for (const Subscription& s : held) failed += sendSubscription(s, true) ? 0 : 1;
+    if (failed > 0) diag("could not renew " + std::to_string(failed) + " subscriptions");
+    renewPauseMs = std::min(std::max(1000, renewPauseMs * 2), std::max(1000, timing.renewMaxMs));
+    nextRenewAt = now + static_cast<Timestamp>(renewPauseMs);
 }
 
 void DeviceSession::pumpOutbox() {
-    if (st != State::READY) return;
+    if (st != State::READY || currentTime() < resumeSendingAt) return;
     MessageCarrierPack piece;
     // Bounded: a message of at most 4 GiB has fewer pieces than this.
     for (int i = 0; i < (1 << 24) && outbox.nextPiece(piece); ++i) {
@@ -457,30 +535,76 @@ void DeviceSession::sendPing(Timestamp now) {
     p.replyKey = fresh64();
     p.random = fresh64();
     lastPingSent = now;
+    if (unansweredPingAt == 0) unansweredPingAt = now;
     if (!link.send(p)) diag("could not send a ping");
 }
 
 // ---------------------------------------------------------------------------
 // Timers and the loop
 
-void DeviceSession::loseSession(const std::string& why) {
+// The session is lost: the message in flight is cut off, the queue stays, and
+// the rejoin tries start. Only the loss of a ready session is reported.
+void DeviceSession::loseSession(const std::string& why, Timestamp now) {
+    bool wasReady = st == State::READY;
     st = State::LOST;
     lastErr = why;
-    diag(why);
-    outbox.abandonAll("the session with the hub was lost");
+    outbox.abandonInFlight("the session with the hub was lost during the transfer");
     reportDeliveries();
+    inbox = MessageInbox(cfg.maxMessageSize);  // the hub's half of a reception is gone
+    if (!rejoining || wasReady) {
+        tries = 0;
+        nextTryAt = now + static_cast<Timestamp>(nextPauseMs());
+    }
+    rejoining = true;
+    if (!wasReady) return;
+    lostAt = now;
+    diag("session lost: " + why + "; rejoining");
+    if (sessionCb) sessionCb(false);
+}
+
+bool DeviceSession::hubGone(Timestamp now) {
+    if (unansweredPingAt != 0 && now >= unansweredPingAt + static_cast<Timestamp>(timing.pingAnswerMs)) {
+        loseSession("the hub has not answered a ping for " + std::to_string(now - unansweredPingAt) + " ms", now);
+        return true;
+    }
+    if (now < lastHeard + static_cast<Timestamp>(timing.lostAfterMs)) return false;
+    loseSession("the hub has been silent for " + std::to_string(now - lastHeard) + " ms", now);
+    return true;
+}
+
+// Pauses grow from rejoinFirstMs to rejoinMaxMs, each drawn between half and
+// the whole of its base so that devices lost together do not try together.
+int DeviceSession::nextPauseMs() {
+    int shift = std::min(tries++, 20);
+    int64_t base = std::min<int64_t>(std::max(1, timing.rejoinMaxMs),
+                                     static_cast<int64_t>(std::max(1, timing.rejoinFirstMs)) << shift);
+    return static_cast<int>(base / 2 + static_cast<int64_t>(fresh64() % static_cast<uint64_t>(base / 2 + 1)));
+}
+
+// One rejoin try: a single announcement; the next try is due after a pause
+// unless the session is ready (or configuring) by then.
+void DeviceSession::beginTry(Timestamp now) {
+    resetHandshake();
+    st = State::ANNOUNCING;
+    lastHeard = now;
+    nextTryAt = now + static_cast<Timestamp>(nextPauseMs());
+    announce(now);
 }
 
 void DeviceSession::service(Timestamp now) {
     switch (st) {
         case State::IDLE:
+            return;
         case State::LOST:
+            if (now >= nextTryAt) beginTry(now);
             return;
         case State::ANNOUNCING:
-            if (now >= lastAnnounce + static_cast<Timestamp>(timing.announceRetryMs)) announce(now);
-            return;
         case State::JOINING:
-            if (now >= joinSentAt + static_cast<Timestamp>(timing.joinWaitMs)) {
+            if (rejoining) {
+                if (now >= nextTryAt) beginTry(now);
+            } else if (st == State::ANNOUNCING) {
+                if (now >= lastAnnounce + static_cast<Timestamp>(timing.announceRetryMs)) announce(now);
+            } else if (now >= joinSentAt + static_cast<Timestamp>(timing.joinWaitMs)) {
                 st = State::ANNOUNCING;  // start over: the hub forgets a join it refused
                 announce(now);
             }
@@ -496,13 +620,12 @@ void DeviceSession::service(Timestamp now) {
         case State::READY:
             break;
     }
-    if (now >= lastHeard + static_cast<Timestamp>(timing.lostAfterMs))
-        return loseSession("the hub has been silent for " + std::to_string(now - lastHeard) +
-                           " ms; session lost");
+    if (hubGone(now)) return;
     if (now >= lastHeard + static_cast<Timestamp>(timing.pingAfterMs) &&
         now >= lastPingSent + static_cast<Timestamp>(timing.pingAfterMs))
         sendPing(now);
     if (st != State::READY) return;
+    if (!held.empty() && now >= nextRenewAt) renewSubscriptions(now, false);
     if (outbox.checkTimeout()) pumpOutbox();
     reportDeliveries();
     pumpOutbox();
@@ -570,6 +693,7 @@ bool DeviceSession::flush(int timeoutMs) {
 }
 
 bool DeviceSession::requestDeviceList(BasicDeviceListMsg& out, int timeoutMs) {
+    if (st != State::READY) return fail("not connected to a hub");
     RequestBasicDeviceListMsg req;
     std::vector<uint8_t> body(req.estimateRequiredSize());
     uint8_t* cursor = body.data();

@@ -9,6 +9,13 @@
 // JoinSecurity.h); packs the device sends are signed with the session key when
 // the configuration asks for it.
 //
+// A session that was ready once rejoins by itself when it is lost (the hub
+// silent, or no longer answering pings because it forgot the device): it
+// announces and joins again with the same DUID and keys after pauses that grow
+// with jitter, renews every subscription it holds, and sends the messages that
+// were queued but not begun. The message cut off mid-transfer is reported not
+// delivered.
+//
 // Single-threaded and event-driven: poll() processes what arrives and runs the
 // timers; join(), requestDeviceList(), waitForDelivery() and flush() poll for at
 // most the time they are given. Callbacks run inside those calls and must not
@@ -20,7 +27,9 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Device/DeviceConfig.h"
@@ -40,11 +49,27 @@ struct SessionTiming {
     int joinWaitMs = 2000;       // wait for the join answer before announcing again
     int configRetryMs = 1000;    // repeat the last configuration pack after this silence
     int pingAfterMs = 2000;      // ping a hub silent for this long
-    int lostAfterMs = 10000;     // give the session up after this much silence
+    int pingAnswerMs = 3000;     // the session is lost when a ping has no answer for this long
+    int lostAfterMs = 10000;     // ... or after this much silence in any case
+    // Rejoin: the n-th pause before a try is drawn between half and the whole
+    // of min(rejoinMaxMs, rejoinFirstMs * 2^n).
+    int rejoinFirstMs = 2000;
+    int rejoinMaxMs = 30000;
+    // After a rejoin, queued messages wait this long, so that devices that lost
+    // the hub at the same moment are back when they arrive (the hub drops
+    // messages for nodes it does not know, without telling the sender).
+    int rejoinSettleMs = 3000;
+    // Subscriptions are renewed at once after a rejoin and then after pauses
+    // doubling from 1 s up to this (the hub keeps them only as long as the
+    // publisher's session lasts and never confirms them).
+    int renewMaxMs = 60000;
 };
 
 class DeviceSession {
 public:
+    // LOST: a session that was under way was lost; the next rejoin try is due
+    // at a later poll(). While rejoining the session passes through
+    // ANNOUNCING, JOINING and CONFIGURING again.
     enum class State { IDLE, ANNOUNCING, JOINING, CONFIGURING, READY, LOST };
 
     explicit DeviceSession(DeviceConfig cfg, SessionTiming timing = SessionTiming());
@@ -55,14 +80,18 @@ public:
     void onError(std::function<void(const MessageError&)> f) { errorCb = std::move(f); }
     void onDelivery(std::function<void(const DeliveryResult&)> f) { deliveryCb = std::move(f); }
     void onDiagnostic(std::function<void(const std::string&)> f) { diagCb = std::move(f); }
+    // Called with false when a ready session is lost (lastError() says why)
+    // and with true when it is ready again; not called for the first join.
+    void onSessionChange(std::function<void(bool up)> f) { sessionCb = std::move(f); }
 
     // Opens the link if needed and sends the first announcement (again from the
     // start when called in any state). Returns false when the configuration is
     // invalid or the socket cannot be opened or used.
     bool start();
-    // start(), then polls until the configuration exchange is complete. Returns
-    // true when READY (at once if already so); false after timeoutMs or on a
-    // socket failure, with lastError() saying how far the join got.
+    // start() unless already started, then polls until the configuration
+    // exchange is complete. Returns true when READY (at once if already so);
+    // false after timeoutMs or on a socket failure, with lastError() saying how
+    // far the join got.
     bool join(int timeoutMs);
     // Waits at most timeoutMs for datagrams, handles what arrives and runs the
     // timers. Returns the number of datagrams handled (0 on time-out), or -1
@@ -70,16 +99,20 @@ public:
     int poll(int timeoutMs);
 
     // Queues a direct message from our object fromObject. Returns its message
-    // number, or -1 when not READY, the object is unknown, data is empty, or
-    // the queue is full.
+    // number, or -1 when the session never was READY, the object is unknown,
+    // data is empty, or the queue is full. While the session is rejoining the
+    // message waits for it.
     int64_t sendDirect(DeviceID toNode, uint8_t toObject, MessageID msgId, const std::vector<uint8_t>& data,
                        uint8_t fromObject = 0);
     // Queues a notification of event eventId from our object fromObject.
     // Returns its message number, or -1 as for sendDirect.
     int64_t notify(uint8_t fromObject, MessageID eventId, const std::vector<uint8_t>& data);
     // Subscribes to (on) or unsubscribes from (off) notification eventId of
-    // object `object` of node `node`. Returns true when the request was sent;
-    // false when not READY or the send failed. The hub answers only a refusal.
+    // object `object` of node `node`, and keeps (or forgets) the subscription
+    // to renew it. Returns true when the request was sent, or kept for the
+    // rejoin while the session is lost; false when the session never was
+    // READY or the send failed. The hub answers only a refusal, and a refused
+    // subscription is forgotten.
     bool subscribe(DeviceID node, uint8_t object, uint16_t eventId, bool on);
     // Polls until message msgNo is delivered or given up. Returns true when it
     // was delivered; false when it failed, is unknown, or timeoutMs passed.
@@ -113,6 +146,7 @@ private:
     void service(Timestamp now);
     void handleDatagram(const uint8_t* data, size_t n, const SockAddress& from, Timestamp now);
     bool acceptPostJoin(VeltoPacket& pack, const uint8_t* data, size_t n);
+    void noteStranger(const SockAddress& from);
 
     void announce(Timestamp now);
     void sendJoin(Timestamp now);
@@ -133,7 +167,16 @@ private:
     void deliverIncoming(IncomingMessage& m);
     void pumpOutbox();
     void reportDeliveries();
-    void loseSession(const std::string& why);
+    void loseSession(const std::string& why, Timestamp now);
+    bool hubGone(Timestamp now);
+    void resetHandshake();
+    void beginTry(Timestamp now);
+    int nextPauseMs();
+    void becomeReady(Timestamp now);
+    void renewSubscriptions(Timestamp now, bool afterRejoin);
+    using Subscription = std::tuple<DeviceID, uint8_t, uint16_t>;  // node, object, event
+    bool sendSubscription(const Subscription& s, bool on);
+    bool underWay() const { return st == State::READY || (everReady && st != State::IDLE); }
     int64_t queueMessage(MsgSelector ms, const std::vector<uint8_t>& data);
     std::string joinFailure(int timeoutMs) const;
 
@@ -153,6 +196,7 @@ private:
     bool discovered = false;  // the hub's address came from an offer to the group
     std::string joinProblem;  // why the last join answer was refused
     bool warnedType2 = false;
+    uint64_t strangers = 0;  // datagrams ignored because they did not come from the hub
 
     Timestamp lastAnnounce = 0;
     Timestamp joinSentAt = 0;
@@ -161,6 +205,19 @@ private:
     Timestamp lastHeard = 0;
     int64_t hubPacketNo = -1;
     Timestamp lastPingSent = 0;
+    Timestamp unansweredPingAt = 0;  // the first ping since the hub was last heard; 0: none
+
+    bool everReady = false;
+    bool rejoining = false;  // lost: the tries run on their own schedule
+    int tries = 0;           // rejoin tries since the loss
+    Timestamp nextTryAt = 0;
+    Timestamp lostAt = 0;    // when a ready session was lost; 0 when not lost
+    Timestamp resumeSendingAt = 0;
+
+    // Subscriptions held, and withdrawals made while lost (sent after the rejoin).
+    std::set<Subscription> held, withdrawn;
+    Timestamp nextRenewAt = 0;
+    int renewPauseMs = 0;
 
     MessageNo nextMsgNo = 1;
     MessageOutbox outbox;
@@ -176,6 +233,7 @@ private:
     std::function<void(const MessageError&)> errorCb;
     std::function<void(const DeliveryResult&)> deliveryCb;
     std::function<void(const std::string&)> diagCb;
+    std::function<void(bool)> sessionCb;
 };
 
 }  // namespace device

@@ -116,6 +116,10 @@ void MessageOutbox::abandonAll(const std::string& reason) {
     queue.clear();
 }
 
+void MessageOutbox::abandonInFlight(const std::string& reason) {
+    if (inFlight) finish(false, reason);
+}
+
 std::vector<DeliveryResult> MessageOutbox::takeResults() {
     std::vector<DeliveryResult> out;
     out.swap(results);

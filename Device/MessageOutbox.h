@@ -74,6 +74,8 @@ public:
 
     // Drops everything; in-flight and queued messages get a failed result.
     void abandonAll(const std::string& reason);
+    // Drops the message in flight only (failed result); the queue stays.
+    void abandonInFlight(const std::string& reason);
 
     // The results collected since the last call, in completion order.
     std::vector<DeliveryResult> takeResults();

@@ -6,9 +6,10 @@
 //
 //   lamp [--hub a.b.c.d[:port]] [--duid ID]
 //
-// Without --hub the lamp finds its hub through the discovery group. It runs
-// until SIGINT or SIGTERM (Ctrl-C) and exits 0 then, 1 when it cannot join or
-// loses the hub, 2 on bad arguments.
+// Without --hub the lamp finds its hub through the discovery group. When the
+// hub goes away (a restart, a power cut) the library rejoins by itself; the
+// lamp only says so. It runs until SIGINT or SIGTERM (Ctrl-C) and exits 0
+// then, 1 when it cannot join at first, 2 on bad arguments.
 #include <csignal>
 #include <iostream>
 #include <string>
@@ -80,6 +81,14 @@ int main(int argc, char** argv) {
             std::cout << "lamp: answered " << answer << '\n';
     });
     lamp.onDiagnostic([](const std::string& line) { std::cerr << "lamp: " << line << '\n'; });
+    // Lost and back: the session rejoins, renews subscriptions and sends what
+    // was queued meanwhile. An answer cut off by the loss is reported lost.
+    lamp.onSessionChange([&](bool up) {
+        if (up)
+            std::cout << "lamp: back as node " << lamp.nodeId() << '\n';
+        else
+            std::cout << "lamp: lost the hub (" << lamp.lastError() << "), rejoining" << '\n';
+    });
 
     if (!lamp.join(5000)) {
         std::cerr << "lamp: " << lamp.lastError() << '\n';
@@ -88,8 +97,7 @@ int main(int argc, char** argv) {
     std::cout << "lamp: joined as node " << lamp.nodeId() << ", light is off" << '\n';
 
     while (!stopRequested) {
-        int handled = lamp.poll(100);
-        if (handled < 0 || lamp.state() == device::DeviceSession::State::LOST) {
+        if (lamp.poll(100) < 0) {  // only a socket failure
             std::cerr << "lamp: " << lamp.lastError() << '\n';
             return 1;
         }

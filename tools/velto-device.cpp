@@ -1,7 +1,8 @@
 // velto-device: a device simulator. It joins a hub as a device with the
 // objects given on the command line and then turns command lines from standard
 // input into messages, notifications and subscriptions, printing what arrives
-// one line at a time; or, with "list", prints the hub's device list.
+// one line at a time; or, with "list", prints the hub's device list. A lost
+// hub is rejoined by the session; the simulator keeps reading commands.
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -150,10 +151,6 @@ int runDevice(DeviceSession& s) {
             warn("ERROR " + s.lastError());
             return 1;
         }
-        if (s.state() == DeviceSession::State::LOST) {
-            warn("ERROR " + s.lastError());
-            return 1;
-        }
         if (ready > 0 && FD_ISSET(STDIN_FILENO, &fds)) inputOpen = readCommands(s, pending);
     }
     if (!s.flush(QUIT_FLUSH_MS)) warn("ERROR " + s.lastError());
@@ -179,6 +176,10 @@ int main(int argc, char** argv) {
     session.onMessage([](const IncomingMessage& m) { say(formatMessage(m)); });
     session.onError([](const MessageError& e) { say(formatError(e)); });
     session.onDelivery([](const DeliveryResult& r) { say(formatDelivery(r)); });
+    // The session rejoins by itself; we only say so and go on reading commands.
+    session.onSessionChange([&session](bool up) {
+        say(up ? "re" + joinedLine(session) : "lost the hub: " + session.lastError() + "; rejoining");
+    });
     if (!session.join(opts.joinTimeoutMs)) {
         warn("ERROR " + session.lastError());
         return 1;

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "tests/support/device_sim.h"
 
 using namespace device;
@@ -49,10 +51,19 @@ protected:
         ASSERT_TRUE(session->start()) << session->lastError();
         NewBornDevicePack nb;
         ASSERT_TRUE(expect(nb));
+        handshake();
+    }
+    void offerFrom(UdpSocket& from) {
         AdoptionOfferPack offer;
-        offer.duid = nb.duid;
+        offer.duid = "lamp-01";
         offer.domain = DEFAULT_DOMAIN;
-        send(offer);
+        offer.hubId = 17;
+        testsupport::Bytes o = testsupport::encodePack(offer);
+        from.sendTo(device, o.data(), o.size());
+    }
+    // The rest of the handshake after an announcement: 1000 is the node id given.
+    void handshake() {
+        offerFrom(hub);
         NetworkJoinPack join;
         ASSERT_TRUE(expect(join));
         JoinAcceptedPack acc;
@@ -84,14 +95,22 @@ protected:
 
 }  // namespace
 
-// Pings are answered with the same reply key; a silent hub is pinged and at
-// last given up, after which nothing can be sent.
-TEST_F(DeviceSessionTest, AnswersPingsPingsASilentHubAndGivesUpAtLast) {
+// Pings are answered with the same reply key. A hub that leaves a ping
+// unanswered loses the session: the message in flight is reported not
+// delivered, the one queued behind it waits, and the session rejoins by itself
+// (a stranger's offer changes nothing), renews its subscriptions and sends it.
+TEST_F(DeviceSessionTest, AnswersPingsAndRejoinsWhenTheHubLeavesAPingUnanswered) {
     SessionTiming t;
     t.pingAfterMs = 150;
-    t.lostAfterMs = 600;
+    t.pingAnswerMs = 300;
+    t.rejoinFirstMs = 400;
+    t.rejoinSettleMs = 100;
     joinFully(t);
     if (HasFatalFailure()) return;
+    std::vector<bool> changes;
+    std::vector<DeliveryResult> results;
+    session->onSessionChange([&](bool up) { changes.push_back(up); });
+    session->onDelivery([&](const DeliveryResult& r) { results.push_back(r); });
     PingPongPack ping;
     ping.pingOrPong = PingPongPack::PING;
     ping.replyKey = 4242;
@@ -100,11 +119,45 @@ TEST_F(DeviceSessionTest, AnswersPingsPingsASilentHubAndGivesUpAtLast) {
     ASSERT_TRUE(expect(pong));
     EXPECT_EQ(PingPongPack::PONG, pong.pingOrPong);
     EXPECT_EQ(4242u, pong.replyKey);
+    ASSERT_TRUE(session->subscribe(1001, 2, 7, true));
+    int64_t cut = session->sendDirect(1001, 0, 1, {1, 2, 3});
+    int64_t waiting = session->sendDirect(1001, 0, 2, {4, 5});
     ASSERT_TRUE(expect(own));
     EXPECT_EQ(PingPongPack::PING, own.pingOrPong);
-    for (int i = 0; i < 100 && session->state() != DeviceSession::State::LOST; ++i) session->poll(10);
-    EXPECT_EQ(DeviceSession::State::LOST, session->state());
-    EXPECT_EQ(-1, session->sendDirect(1001, 0, 1, {1, 2, 3}));
+    for (int i = 0; i < 100 && session->state() != DeviceSession::State::LOST; ++i) session->poll(5);
+    ASSERT_EQ(DeviceSession::State::LOST, session->state());
+    EXPECT_NE(std::string::npos, session->lastError().find("not answered a ping")) << session->lastError();
+    ASSERT_EQ(1u, results.size());
+    EXPECT_EQ(cut, results[0].msgNo);
+    EXPECT_FALSE(results[0].delivered);
+    EXPECT_TRUE(session->subscribe(1001, 3, 8, true)) << "kept for the rejoin";
+
+    NewBornDevicePack again;
+    ASSERT_TRUE(expect(again));
+    EXPECT_EQ("lamp-01", again.prevn.str());
+    const Timestamp triedAt = currentTime();
+    UdpSocket stranger;
+    ASSERT_TRUE(stranger.bind(SockAddress("127.0.0.1", 0), false));
+    offerFrom(stranger);
+    for (int i = 0; i < 10; ++i) session->poll(5);
+    EXPECT_EQ(DeviceSession::State::ANNOUNCING, session->state()) << "no join for a stranger's offer";
+    offerFrom(hub);
+    NetworkJoinPack refused;  // and never answered, as a hub of another domain does
+    ASSERT_TRUE(expect(refused));
+    ASSERT_TRUE(expect(again));
+    EXPECT_GE(currentTime() - triedAt, 380u) << "the next try waits for its pause";
+    handshake();
+    if (HasFatalFailure()) return;
+    EXPECT_EQ(1000, session->nodeId());
+    EXPECT_EQ((std::vector<bool>{false, true}), changes);
+    std::set<std::pair<int, int>> renewed;
+    for (NotificationSubscriptionPack r; renewed.size() < 2 && expect(r);) renewed.insert({r.objectNo, r.eventId});
+    EXPECT_EQ((std::set<std::pair<int, int>>{{2, 7}, {3, 8}}), renewed);
+    MessageCarrierPack piece;
+    ASSERT_TRUE(expect(piece));
+    EXPECT_EQ(waiting, piece.msgNo);
+    for (const char* once : {"session lost: ", "session back: node 1000 "})
+        EXPECT_EQ(diags.find(once), diags.rfind(once)) << "one line each: " << diags;
 }
 
 // An error pack is reported; a stray pack, a piece for another node, a pack

@@ -61,7 +61,8 @@ bool ChildProcess::start(const std::vector<std::string>& argv, const std::string
     errPath = dir + "/" + name + ".err";
     if (!writeFile(outPath, "") || !writeFile(errPath, "")) return false;
     int in[2];
-    if (pipe(in) != 0) return false;
+    // Close-on-exec: children started later must not hold this one's input open.
+    if (pipe2(in, O_CLOEXEC) != 0) return false;
     pid = fork();
     if (pid < 0) {
         close(in[0]);
