@@ -24,12 +24,9 @@ TEST(ServiceNotifier, PathsAndAbstractNamesReachTheListenerOtherNamesDisable) {
         EXPECT_TRUE(n.notify("READY=1")) << name;
         EXPECT_EQ("READY=1", manager.next(1000)) << name;
     }
-    for (const std::string& name : {std::string(""), std::string("@"), std::string("relative/notify"),
-                                    "/" + std::string(107, 'x')}) {
+    for (const std::string& name : {std::string(""), std::string("@"), std::string("rel/n"), "/" + std::string(107, 'x')}) {
         ServiceNotifier n(name, 1000000);
-        EXPECT_FALSE(n.enabled()) << name;
-        EXPECT_FALSE(n.notify("READY=1")) << name;
-        EXPECT_EQ(0u, n.keepAliveIntervalMs()) << name;
+        EXPECT_FALSE(n.enabled() || n.notify("READY=1") || n.keepAliveIntervalMs() != 0) << name;
     }
 }
 
@@ -43,9 +40,8 @@ TEST(ServiceNotifier, KeepAlivesGoOutAtHalfTheWatchdogPeriod) {
         n.keepAlive(p.now);
         EXPECT_EQ(p.sent ? "WATCHDOG=1" : "", manager.next(p.sent ? 1000 : 0)) << p.now;
     }
-    ServiceNotifier noWatchdog(dir.file("notify"), 0);
-    noWatchdog.keepAlive(5000);
-    EXPECT_EQ("", manager.next(0));
+    ServiceNotifier(dir.file("notify"), 0).keepAlive(5000);
+    EXPECT_EQ("", manager.next(0)) << "no watchdog asked for";
 }
 
 TEST(ServiceNotifier, EnvironmentAndFailingSocket) {
@@ -59,10 +55,7 @@ TEST(ServiceNotifier, EnvironmentAndFailingSocket) {
     EXPECT_EQ(1500u, ours.keepAliveIntervalMs());
     setenv("WATCHDOG_PID", "1", 1);
     EXPECT_EQ(0u, ServiceNotifier::fromEnvironment().keepAliveIntervalMs()) << "meant for another process";
-    const std::string err = stderrOf([&] {
-        EXPECT_FALSE(ours.notify("READY=1"));
-        EXPECT_FALSE(ours.notify("STOPPING=1"));
-    });
+    const std::string err = stderrOf([&] { EXPECT_FALSE(ours.notify("READY=1") || ours.notify("STOPPING=1")); });
     EXPECT_EQ(0u, err.find("WARNING: cannot notify the service manager: "));
     EXPECT_EQ(1, std::count(err.begin(), err.end(), '\n')) << err;
 }

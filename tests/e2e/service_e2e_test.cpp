@@ -28,7 +28,7 @@ TEST(HubService, ReadyKeepAlivesAndStoppingWithoutChangingTheOutput) {
     ASSERT_EQ("READY=1", manager.next(5000));
     EXPECT_EQ(STARTUP_LINES, hub.out()) << "written before the readiness";
     // Half a second apart, but the idle loop passes once a second.
-    for (int i = 0; i < 3; ++i) EXPECT_EQ("WATCHDOG=1", manager.next(1500)) << i;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ("WATCHDOG=1", manager.next(2500)) << i;
     EXPECT_EQ(0, hub.terminate());
     std::string last, d;
     while (!(d = manager.next(0)).empty()) last = d;
@@ -43,8 +43,7 @@ TEST(HubService, ReadyKeepAlivesAndStoppingWithoutChangingTheOutput) {
     EXPECT_EQ(0, plain.terminate());
     EXPECT_EQ(STARTUP_LINES, plain.out());
     EXPECT_EQ(managedOut, plain.out());
-    EXPECT_EQ(managedErr, plain.err());
-    EXPECT_EQ("", plain.err());
+    EXPECT_EQ("", managedErr + plain.err());
     EXPECT_EQ("", manager.next(0));
 }
 

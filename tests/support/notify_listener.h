@@ -23,7 +23,7 @@ public:
         bound = bind(fd, reinterpret_cast<sockaddr*>(&a), offsetof(sockaddr_un, sun_path) + name.size()) == 0;
     }
     ~NotifyListener() { close(fd); }
-    bool ok() const { return fd >= 0 && bound; }
+    bool ok() const { return bound; }
     // The next datagram's text, or "" when none comes within timeoutMs.
     std::string next(int timeoutMs) {
         pollfd p{fd, POLLIN, 0};
