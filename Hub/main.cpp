@@ -1,11 +1,13 @@
 // The hub daemon: binds the Velto port, joins the hub's multicast group,
 // registers the hub's own services as node 1 and runs the loop until SIGTERM
 // or SIGINT; then writes every device record out and exits 0. Exits 1 when the
-// port cannot be bound. Arguments are ignored.
+// port cannot be bound. Arguments are ignored. Started by a service manager
+// (NOTIFY_SOCKET set), it reports readiness, keep-alives and its stop.
 #include <iostream>
 
 #include "Hub/HubConsoleConnector.h"
 #include "Hub/server.h"
+#include "Hub/service_notify.h"
 #include "Velto/UdpSocket.h"
 #include "Velto/platform.h"
 
@@ -30,8 +32,11 @@ int main(int, char**) {
 
     clientMgr.addVirtualClient(1, new HubMainServices());
 
+    if (serviceNotifier().enabled()) flushOutput();  // the start-up lines go out before the readiness
+    serviceNotifier().notify("READY=1");
     mainThread(sock);
 
+    serviceNotifier().notify("STOPPING=1");
     clientMgr.flushAll();
     flushOutput();
     return 0;

@@ -16,6 +16,7 @@
 #include "Hub/log_line.h"
 #include "Hub/messages.h"
 #include "Hub/newDevice.h"
+#include "Hub/service_notify.h"
 
 // Built in this order; later ones refer to earlier ones.
 std::string myDomain = "TestDomain_KVZ1";
@@ -380,6 +381,7 @@ void mainThread(UdpSocket& sock) {
     while (!stopRequested) {
         SockAddress peer;  // the any-address, port 0
         Timestamp now = events.runDue(currentTime());
+        serviceNotifier().keepAlive(now);  // WATCHDOG=1 when the service manager asks for it
         // While a flush round has records left the loop only looks for datagrams.
         uint32_t wait = clientMgr.flushPending() ? 0 : millisecondsUntil(events.nextEventTime(now), now);
 

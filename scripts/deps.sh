@@ -21,3 +21,7 @@ ensure_packages() {
     $sudo apt-get update -qq || return 1
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq $missing || return 1
 }
+
+# Packaging and its checks: systemd-analyze (systemd), the package tools
+# (dpkg-shlibdeps in dpkg-dev, file), lintian, and groff for the man pages.
+VELTO_PACKAGES="$VELTO_PACKAGES systemd dpkg-dev file lintian groff-base"
