@@ -21,3 +21,11 @@ ensure_packages() {
     $sudo apt-get update -qq || return 1
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq $missing || return 1
 }
+
+# tshark and dumpcap for the dissector tests. wireshark-common asks whether
+# non-root users may capture; answer no before apt asks.
+if [ -n "$(missing_packages tshark)" ] && command -v debconf-set-selections >/dev/null; then
+    echo "wireshark-common wireshark-common/install-setuid boolean false" |
+        { [ "$(id -u)" -ne 0 ] && sudo debconf-set-selections || debconf-set-selections; } || true
+fi
+VELTO_PACKAGES="$VELTO_PACKAGES tshark"
