@@ -23,9 +23,12 @@ ensure_packages() {
 }
 
 # tshark and dumpcap for the dissector tests. wireshark-common asks whether
-# non-root users may capture; answer no before apt asks.
-if [ -n "$(missing_packages tshark)" ] && command -v debconf-set-selections >/dev/null; then
-    echo "wireshark-common wireshark-common/install-setuid boolean false" |
-        { [ "$(id -u)" -ne 0 ] && sudo debconf-set-selections || debconf-set-selections; } || true
-fi
+# non-root users may capture: answer no before apt asks.
+preseed_tshark() {
+    [ -n "$(missing_packages tshark)" ] || return 0
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    echo "wireshark-common wireshark-common/install-setuid boolean false" | $sudo debconf-set-selections || true
+}
+preseed_tshark
 VELTO_PACKAGES="$VELTO_PACKAGES tshark"

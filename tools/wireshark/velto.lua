@@ -243,10 +243,12 @@ function Reader:text(tree, field, cap, label)
     self.off = self.off + (nul and len + 1 or len)
     if nul then return s end
     if left > cap then
-        return self:fail(item, EX.toolong, ("%s is longer than its cap of %d characters (the receiver takes %d and "
+        self:fail(item, EX.toolong, ("%s is longer than its cap of %d characters (the receiver takes %d and "
             .. "reads on inside the text)"):format(label, cap, cap + 1))
+    else
+        self:fail(item, EX.short, label .. " has no NUL: the packet ends inside the text")
     end
-    return self:fail(item, EX.short, label .. " has no NUL: the packet ends inside the text")
+    return s
 end
 
 -- A VLQ size: 7 bits a byte, most significant first, bit 7 on all but the last.
@@ -396,7 +398,7 @@ local function dissectDevMgmt(tvb, tree, msgId, start, size)
             end
             n = n + 1
         end
-        if count then words = words .. (" %s %s"):format(count, msg.entry:lower() .. "s") end
+        if count then words = words .. (" %s %s%s"):format(count, msg.entry:lower(), count == 1 and "" or "s") end
     end
     if msg.ignoreRest and not r.bad and r:left() > 0 then
         add(t, F.ignored, tvb(r.off, r:left()))
@@ -412,58 +414,68 @@ end
 
 -- Envelope and dispatch ------------------------------------------------------
 
--- Dissects one datagram into tree (nil: only check). Returns the words for
--- the Info column and whether the datagram was malformed.
-local function dissectPacket(tvb, tree)
-    local len = tvb:len()
-    local r = newReader(tvb, 0, len)
+-- The header and the signature area. Returns the pack id and its tree item.
+local function readEnvelope(r, tvb, tree)
     local id, idItem = r:uint(tree, F.id, 1, "id")
     r:uint(tree, F.hubid, 1, "hubId")
     r:uint(tree, F.devid, 2, "devId")
     r:uint(tree, F.packetno, 4, "packetNo")
     local sig, sigItem = r:uint(tree, F.sigtype, 1, "signature type")
     r:uint(tree, F.enctype, 1, "encType")
-    local name = id and (PACK_NAMES[id] or ("unknown pack " .. id)) or "Velto"
-    local short = name:gsub("Pack$", "")
     if sig and not SIG_TYPES[sig] and sigItem then
         sigItem:add_proto_expert_info(EX.sigtype, ("signature type %d carries no signature bytes"):format(sig))
     end
     local size = SIG_SIZES[sig or 0] or 0
-    if not r.bad and size > 0 then
-        if r:left() < size then
-            if r:left() > 0 then add(tree, F.signature, tvb(r.off, r:left())) end
-            r:fail(tree, EX.short, ("%s needs %d signature bytes, %d left"):format(SIG_TYPES[sig], size, r:left()))
-        else
-            add(tree, F.signature, tvb(r.off, size))
-            r.off = r.off + size
-        end
+    if r.bad or size == 0 then return id, idItem end
+    if r:left() < size then
+        if r:left() > 0 then add(tree, F.signature, tvb(r.off, r:left())) end
+        r:fail(tree, EX.short, ("%s needs %d signature bytes, %d left"):format(SIG_TYPES[sig], size, r:left()))
+    else
+        add(tree, F.signature, tvb(r.off, size))
+        r.off = r.off + size
     end
-    local pack, words = PACKS[id or -1], ""
-    if not r.bad and not pack then
+    return id, idItem
+end
+
+-- The fields of a known pack and, in a carrier, a carried message it holds
+-- whole. Returns the words for Info and whether the carried message is bad.
+local function readBody(r, tvb, tree, id)
+    local body = tree and r:left() > 0 and tree:add(tvb(r.off, r:left()), PACK_NAMES[id]) or tree
+    local from = r.off
+    local v = r:layout(body, PACKS[id].abbr, PACKS[id], {})
+    if body ~= tree and body then body:set_len(math.max(r.off - from, 1)) end
+    r:rest(body)
+    local words, bad = INFO[id](v), false
+    if id == 31 and not r.bad and carriesDevMgmt(v) then
+        local w
+        w, bad = dissectDevMgmt(tvb, tree, v.msgId, v["payload@"], v.payload)
+        words = words .. ": " .. w .. (bad and " [malformed]" or "")
+    end
+    return words, bad
+end
+
+-- Dissects one datagram into tree (nil: only check). Returns the words for
+-- the Info column, whether it is malformed, and whether bytes are left over.
+local function dissectPacket(tvb, tree)
+    local r = newReader(tvb, 0, tvb:len())
+    local id, idItem = readEnvelope(r, tvb, tree)
+    local name = id and (PACK_NAMES[id] or ("unknown pack " .. id)) or "Velto"
+    local info = name:gsub("Pack$", "")
+    if not r.bad and not PACKS[id] then
         if idItem then idItem:add_proto_expert_info(EX.pack, name) end
         if r:left() > 0 then add(tree, F.undecoded, tvb(r.off, r:left())) end
-        return short, false, true
+        return info, false, true
     end
-    if pack and not r.bad then
-        local body = tree and r:left() > 0 and tree:add(tvb(r.off, r:left()), PACK_NAMES[id]) or tree
-        local from = r.off
-        local v = r:layout(body, pack.abbr, pack, {})
-        if body ~= tree and body then body:set_len(math.max(r.off - from, 1)) end
-        words = INFO[id](v)
-        if id == 31 and not r.bad and carriesDevMgmt(v) then
-            local w, bad = dissectDevMgmt(tvb, tree, v.msgId, v["payload@"], v.payload)
-            words = words .. ": " .. w .. (bad and " [malformed]" or "")
-        end
-        r:rest(body)
-    end
+    local words, bodyBad = "", false
+    if not r.bad then words, bodyBad = readBody(r, tvb, tree, id) end
     if not r.bad and r:left() > 0 and tree then
         tree:add(F.trailing, tvb(r.off, r:left()))
         tree:add_proto_expert_info(EX.trailing, ("%d bytes after the pack: ignored by the receiver, "
             .. "not covered by the signature"):format(r:left()))
     end
-    local bad = r.bad
-    return short .. (words ~= "" and (" " .. words) or "") .. (bad and " [malformed: " .. r.fault .. "]" or ""),
-        bad, r:left() > 0
+    if words ~= "" then info = info .. " " .. words end
+    if r.bad then info = info .. " [malformed: " .. r.fault .. "]" end
+    return info, r.bad or bodyBad, r:left() > 0
 end
 
 function velto.dissector(tvb, pinfo, tree)
