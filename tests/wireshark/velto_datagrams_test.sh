@@ -49,8 +49,8 @@ done
 
 # Other ports: well-formed packs only (not the malformed ones, nor those with
 # an unknown signature type, bytes after the pack or an unknown pack), and not
-# a datagram of another protocol (frame 18).
+# a datagram of another protocol (frame 20).
 to_pcap 40000,40001 "$WORK/other.pcap" "$(printf 'hello, world' | od -An -tx1 -v | tr -d ' \n')"
 HEURISTIC=$(frames "$WORK/other.pcap" velto)
-[ "$HEURISTIC" = "1 2 3 4 5 12 15 16 " ] || fail "heuristic took frames [$HEURISTIC]"
+[ "$HEURISTIC" = "1 2 3 4 5 12 15 16 18 19 " ] || fail "heuristic took frames [$HEURISTIC]"
 echo "PASS"

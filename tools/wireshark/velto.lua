@@ -365,11 +365,16 @@ local INFO = {
 
 -- Carried device-management messages ----------------------------------------
 
--- True when the carrier holds a whole direct message to or from node 1, object 1.
-local function carriesDevMgmt(v)
-    return v.msgCat == 2 and DEVMGMT[v.msgId] ~= nil and v.packetStart == 0 and v.payload ~= nil
-        and v.payload == v.msgSize and v.payload <= 326
+-- True for a direct device-management message to or from node 1, object 1.
+local function isDevMgmt(v)
+    return v.msgCat == 2 and DEVMGMT[v.msgId] ~= nil
         and ((v.toDeviceId == 1 and v.toObjectNo == 1) or (v.fromDeviceId == 1 and v.fromObjectNo == 1))
+end
+
+-- True when the carrier holds such a message whole.
+local function carriesDevMgmt(v)
+    return isDevMgmt(v) and v.packetStart == 0 and v.payload ~= nil and v.payload == v.msgSize
+        and v.payload <= 326
 end
 
 -- Decodes the body at [start, start + size); returns a words form for Info.
@@ -437,26 +442,61 @@ local function readEnvelope(r, tvb, tree)
     return id, idItem
 end
 
+-- Messages of node 1, object 1 that come in pieces are put together on the
+-- first pass over the capture, in order of position; the whole message is
+-- kept by the number of the frame that completed it.
+local MAX_REASSEMBLED = 1048576
+local partial, complete = {}, {}
+function velto.init()
+    partial, complete = {}, {}
+end
+
+local function reassemble(v, tvb, pinfo)
+    if complete[pinfo.number] or pinfo.visited then return complete[pinfo.number] end
+    local key = table.concat({ v.fromDeviceId, v.fromObjectNo, v.toDeviceId, v.toObjectNo, v.msgId, v.msgNo,
+        v.msgSize, tostring(pinfo.src), pinfo.src_port }, ":")
+    if v.packetStart == 0 then partial[key] = { have = 0, data = ByteArray.new() } end
+    local m = partial[key]
+    if not m or v.packetStart ~= m.have or v.payload == 0 then return nil end
+    m.data:append(tvb(v["payload@"], v.payload):bytes())
+    m.have = m.have + v.payload
+    if m.have < v.msgSize then return nil end
+    partial[key] = nil
+    if m.have == v.msgSize then complete[pinfo.number] = m.data end
+    return complete[pinfo.number]
+end
+
+-- Words for a carrier holding a device-management message: decoded when it
+-- is whole in this carrier or completed by it.
+local function carriedWords(v, tvb, tree, pinfo)
+    if carriesDevMgmt(v) then return dissectDevMgmt(tvb, tree, v.msgId, v["payload@"], v.payload) end
+    if not pinfo or not v.payload or v.msgSize > MAX_REASSEMBLED or not isDevMgmt(v) then return nil end
+    local whole = reassemble(v, tvb, pinfo)
+    if not whole then return "piece of " .. DEVMGMT_MSGS[v.msgId], false end
+    local words, bad = dissectDevMgmt(whole:tvb("Carried message"), tree, v.msgId, 0, v.msgSize)
+    return words .. " (reassembled)", bad
+end
+
 -- The fields of a known pack and, in a carrier, a carried message it holds
 -- whole. Returns the words for Info and whether the carried message is bad.
-local function readBody(r, tvb, tree, id)
+local function readBody(r, tvb, tree, pinfo, id)
     local body = tree and r:left() > 0 and tree:add(tvb(r.off, r:left()), PACK_NAMES[id]) or tree
     local from = r.off
     local v = r:layout(body, PACKS[id].abbr, PACKS[id], {})
     if body ~= tree and body then body:set_len(math.max(r.off - from, 1)) end
     r:rest(body)
     local words, bad = INFO[id](v), false
-    if id == 31 and not r.bad and carriesDevMgmt(v) then
+    if id == 31 and not r.bad then
         local w
-        w, bad = dissectDevMgmt(tvb, tree, v.msgId, v["payload@"], v.payload)
-        words = words .. ": " .. w .. (bad and " [malformed]" or "")
+        w, bad = carriedWords(v, tvb, tree, pinfo)
+        if w then words = words .. ": " .. w .. (bad and " [malformed]" or "") end
     end
     return words, bad
 end
 
--- Dissects one datagram into tree (nil: only check). Returns the words for
--- the Info column, whether it is malformed, and whether bytes are left over.
-local function dissectPacket(tvb, tree)
+-- Dissects one datagram into tree (nil, with no pinfo: only check). Returns
+-- the words for Info, whether it is malformed, and whether bytes are left over.
+local function dissectPacket(tvb, tree, pinfo)
     local r = newReader(tvb, 0, tvb:len())
     local id, idItem = readEnvelope(r, tvb, tree)
     local name = id and (PACK_NAMES[id] or ("unknown pack " .. id)) or "Velto"
@@ -467,7 +507,7 @@ local function dissectPacket(tvb, tree)
         return info, false, true
     end
     local words, bodyBad = "", false
-    if not r.bad then words, bodyBad = readBody(r, tvb, tree, id) end
+    if not r.bad then words, bodyBad = readBody(r, tvb, tree, pinfo, id) end
     if not r.bad and r:left() > 0 and tree then
         tree:add(F.trailing, tvb(r.off, r:left()))
         tree:add_proto_expert_info(EX.trailing, ("%d bytes after the pack: ignored by the receiver, "
@@ -481,7 +521,7 @@ end
 function velto.dissector(tvb, pinfo, tree)
     pinfo.cols.protocol = "Velto"
     local root = tree:add(velto, tvb())
-    local ok, info = pcall(dissectPacket, tvb, root)
+    local ok, info = pcall(dissectPacket, tvb, root, pinfo)
     if not ok then
         root:add_proto_expert_info(EX.fault, tostring(info))
         info = "Velto [dissector fault]"
