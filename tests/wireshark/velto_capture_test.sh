@@ -110,7 +110,9 @@ expect "node ids" "velto.id == 4" "velto.joinaccepted.duid velto.joinaccepted.no
 expect "objects" "velto.id == 16" "velto.devid velto.objectinfo.name velto.objectinfo.interface" \
     "$(printf '1000\tlight\tswitchable.1\n1001\tbutton\tpush.1')"
 expect "signed packs" "velto.sigtype == 1" "velto.devid" "1000"
-expect "signature size" "velto.sigtype == 1" "velto.signature" "$(fields velto.signature | grep -E '^[0-9a-f]{40}$' | sort -u)"
+SIGNED=$(fields velto.signature | grep -c .)
+[ "$SIGNED" -gt 0 ] && [ "$(fields velto.signature | grep -cE '^[0-9a-f]{40}$')" -eq "$SIGNED" ] ||
+    fail "signatures of HMAC_SHA1_TYPE are not all 20 bytes"
 expect "5000-byte message" "velto.carrier.msgid == 7" \
     "velto.carrier.msgsize velto.carrier.checksum velto.carrier.payload.len" \
     "$(printf "5000\t%s\t%s\n5000\t%s\t326" "$BIG_SUM" $((5000 % 326)) "$BIG_SUM")"
