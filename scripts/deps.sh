@@ -25,3 +25,13 @@ ensure_packages() {
 # Packaging and its checks: systemd-analyze (systemd), the package tools
 # (dpkg-shlibdeps in dpkg-dev, file), lintian, and groff for the man pages.
 VELTO_PACKAGES="$VELTO_PACKAGES systemd dpkg-dev file lintian groff-base"
+# tshark and dumpcap for the dissector tests. wireshark-common asks whether
+# non-root users may capture: answer no before apt asks.
+preseed_tshark() {
+    [ -n "$(missing_packages tshark)" ] || return 0
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    echo "wireshark-common wireshark-common/install-setuid boolean false" | $sudo debconf-set-selections || true
+}
+preseed_tshark
+VELTO_PACKAGES="$VELTO_PACKAGES tshark"
