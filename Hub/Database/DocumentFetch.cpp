@@ -2,8 +2,11 @@
 
 #include <curl/curl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <iostream>
 #include <mutex>
@@ -21,23 +24,6 @@ size_t writeToFetch(char* ptr, size_t size, size_t nmemb, void* userdata) {
     return static_cast<DocumentFetch*>(userdata)->take(ptr, size * nmemb);
 }
 
-// Milliseconds for a wait of micros, rounded up so that a short wait still waits.
-int waitMilliseconds(uint64_t micros) {
-    const uint64_t ms = (micros + 999) / 1000;
-    return ms > 1000000 ? 1000000 : static_cast<int>(ms);
-}
-
-// Waits for fd alone; 1 readable, 0 time-out or interrupted, -1 error.
-int pollOne(int fd, uint64_t micros) {
-    struct pollfd p = {fd, POLLIN, 0};
-    struct timespec ts;
-    ts.tv_sec = static_cast<time_t>(micros / 1000000);
-    ts.tv_nsec = static_cast<long>(micros % 1000000) * 1000;
-    const int r = ppoll(&p, fd >= 0 ? 1 : 0, &ts, nullptr);
-    if (r < 0) return errno == EINTR ? 0 : -1;
-    return r > 0 && (p.revents & POLLIN) ? 1 : 0;
-}
-
 }  // namespace
 
 // ------------------------------------------------------------ HttpTransfers
@@ -45,43 +31,123 @@ int pollOne(int fd, uint64_t micros) {
 HttpTransfers::HttpTransfers() {
     initialiseLibraryOnce();
     multi = curl_multi_init();
+    wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 }
 
 HttpTransfers::~HttpTransfers() {
-    if (multi) curl_multi_cleanup(multi);
+    stopping = true;
+    if (worker.joinable()) {
+        curl_multi_wakeup(multi);
+        worker.join();
+    }
+    if (multi) curl_multi_cleanup(multi);  // detaches what is left
+    if (wakeFd >= 0) ::close(wakeFd);
 }
 
+// The helper thread starts with the first transfer: programs that never
+// download never have it.
 bool HttpTransfers::add(CURL* handle) {
-    if (multi == nullptr || curl_multi_add_handle(multi, handle) != CURLM_OK) return false;
+    if (multi == nullptr || wakeFd < 0 || stopping) return false;
+    if (!worker.joinable()) worker = std::thread(&HttpTransfers::run, this);
+    {
+        std::lock_guard<std::mutex> g(lock);
+        toAdd.push_back(handle);
+    }
+    curl_multi_wakeup(multi);
     ++running;
     return true;
 }
 
 void HttpTransfers::remove(CURL* handle) {
-    if (curl_multi_remove_handle(multi, handle) == CURLM_OK && running > 0) --running;
+    std::unique_lock<std::mutex> g(lock);
+    --running;
+    auto queued = std::find(toAdd.begin(), toAdd.end(), handle);
+    if (queued != toAdd.end()) {
+        toAdd.erase(queued);
+        return;
+    }
+    for (auto it = ended.begin(); it != ended.end(); ++it) {
+        if (it->first != handle) continue;
+        ended.erase(it);
+        return;
+    }
+    toRemove.push_back(handle);
+    curl_multi_wakeup(multi);
+    removedCv.wait_for(g, std::chrono::seconds(5), [&] {
+        return stopping || std::find(toRemove.begin(), toRemove.end(), handle) == toRemove.end();
+    });
+}
+
+void HttpTransfers::run() {
+    while (!stopping) {
+        startQueued();
+        int stillRunning = 0;
+        curl_multi_perform(multi, &stillRunning);
+        collectEnded();
+        int ready = 0;
+        curl_multi_poll(multi, nullptr, 0, 1000, &ready);
+    }
+}
+
+// Helper thread: what the caller's thread asked for since the last round.
+void HttpTransfers::startQueued() {
+    std::lock_guard<std::mutex> g(lock);
+    for (CURL* h : toAdd) curl_multi_add_handle(multi, h);
+    toAdd.clear();
+    if (toRemove.empty()) return;
+    for (CURL* h : toRemove) {
+        curl_multi_remove_handle(multi, h);
+        ended.erase(std::remove_if(ended.begin(), ended.end(),
+                                   [h](const std::pair<CURL*, int>& e) { return e.first == h; }),
+                    ended.end());
+    }
+    toRemove.clear();
+    removedCv.notify_all();
+}
+
+// Helper thread: attempts that ended leave the multi handle and wait for perform().
+void HttpTransfers::collectEnded() {
+    int left = 0;
+    bool any = false;
+    while (CURLMsg* m = curl_multi_info_read(multi, &left)) {
+        if (m->msg != CURLMSG_DONE) continue;
+        CURL* h = m->easy_handle;
+        const int result = m->data.result;  // m is gone once the handle is removed
+        curl_multi_remove_handle(multi, h);
+        std::lock_guard<std::mutex> g(lock);
+        ended.emplace_back(h, result);
+        any = true;
+    }
+    if (!any) return;
+    const uint64_t one = 1;
+    (void)!::write(wakeFd, &one, sizeof one);
 }
 
 void HttpTransfers::perform() {
     if (running == 0) return;
-    int stillRunning = 0;
-    curl_multi_perform(multi, &stillRunning);
-    int left = 0;
-    while (CURLMsg* m = curl_multi_info_read(multi, &left)) {
-        if (m->msg != CURLMSG_DONE) continue;
-        const CURLcode result = m->data.result;  // m is gone once the handle is removed
+    uint64_t count = 0;
+    (void)!::read(wakeFd, &count, sizeof count);
+    std::vector<std::pair<CURL*, int>> done;
+    {
+        std::lock_guard<std::mutex> g(lock);
+        done.swap(ended);
+    }
+    for (const auto& e : done) {
+        --running;
         char* owner = nullptr;
-        curl_easy_getinfo(m->easy_handle, CURLINFO_PRIVATE, &owner);
-        if (owner) reinterpret_cast<DocumentFetch*>(owner)->attemptEnded(result);
+        curl_easy_getinfo(e.first, CURLINFO_PRIVATE, &owner);
+        if (owner) reinterpret_cast<DocumentFetch*>(owner)->attemptEnded(e.second);
     }
 }
 
 int HttpTransfers::wait(int extraFd, uint64_t micros) {
-    if (running == 0) return pollOne(extraFd, micros);
-    struct curl_waitfd extra = {extraFd, CURL_WAIT_POLLIN, 0};
-    int ready = 0;
-    if (curl_multi_poll(multi, &extra, extraFd >= 0 ? 1 : 0, waitMilliseconds(micros), &ready) != CURLM_OK)
-        return -1;
-    return extraFd >= 0 && (extra.revents & CURL_WAIT_POLLIN) ? 1 : 0;
+    struct pollfd p[2] = {{wakeFd, POLLIN, 0}, {extraFd, POLLIN, 0}};
+    struct timespec ts;
+    ts.tv_sec = static_cast<time_t>(micros / 1000000);
+    ts.tv_nsec = static_cast<long>(micros % 1000000) * 1000;
+    const int r = ppoll(p, extraFd >= 0 ? 2 : 1, &ts, nullptr);
+    if (r < 0) return errno == EINTR ? 0 : -1;
+    return extraFd >= 0 && (p[1].revents & POLLIN) ? 1 : 0;
 }
 
 // ------------------------------------------------------------ DocumentFetch
@@ -103,12 +169,15 @@ long DocumentFetch::millisecondsLeft() const {
     return static_cast<long>(duration_cast<milliseconds>(deadline - steady_clock::now()).count());
 }
 
+// An attempt is not started with less time than this, ms.
+constexpr long MIN_ATTEMPT_MS = 100;
+
 // The next address with the time the document has left; when that is spent,
 // the addresses not yet tried are given up in one line.
 void DocumentFetch::startNext() {
     while (next < urls.size()) {
         const long left = millisecondsLeft();
-        if (left <= 0) {
+        if (left < MIN_ATTEMPT_MS) {
             std::cout << ("Downloading stopped: " + std::to_string(DOCUMENT_TIMEOUT_MS / 1000) +
                           " s spent on this document, " + std::to_string(urls.size() - next) +
                           " address(es) not tried\n")
@@ -163,8 +232,7 @@ std::string DocumentFetch::failureText(int result) const {
 
 // Any body counts (an error page too), unless a bound cut it short.
 void DocumentFetch::attemptEnded(int result) {
-    transfers.remove(handle);
-    curl_easy_cleanup(handle);
+    curl_easy_cleanup(handle);  // already off the helper thread
     handle = nullptr;
     std::string outcome = failureText(result);
     const bool ok = outcome.empty() && filer(body, outcome);

@@ -1,23 +1,30 @@
-// Downloads of documents that never block their caller: libcurl's multi
-// interface, driven by HttpTransfers::perform() from the caller's own loop and
-// waited on with HttpTransfers::wait(), which also watches one descriptor of
-// the caller's (the hub's UDP socket).
+// Downloads of documents that never block their caller. One helper thread
+// runs every transfer (libcurl's multi interface: connections, TLS, bodies);
+// the caller's thread starts them and takes their ends with
+// HttpTransfers::perform(), and HttpTransfers::wait() watches for those ends
+// together with one descriptor of the caller's (the hub's UDP socket). So a
+// slow server, a TLS handshake or a large body costs the caller's loop nothing.
 //
 // A DocumentFetch tries a document's addresses in order until one gives a body.
 // Bounds: a connection attempt gives up after 5 s, the whole document (all its
 // addresses together) after 30 s, a body above 1 MiB is refused. Each attempt
 // writes its "Downloading <url> ... <outcome>" line whole on standard output
-// when it ends. Single-threaded: every call, and every callback, runs on the
-// thread that calls perform().
+// when it ends. Every call and every callback (Filer) runs on the thread that
+// calls perform(); only the body bytes are taken on the helper thread.
 #pragma once
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 
@@ -31,12 +38,12 @@ public:
     HttpTransfers(const HttpTransfers&) = delete;
     HttpTransfers& operator=(const HttpTransfers&) = delete;
 
-    // Moves every transfer on as far as it goes without waiting; attempts that
-    // ended are handed to their fetch (which may start its next address).
+    // Hands every attempt that ended to its fetch (which may start its next
+    // address). Does not wait.
     void perform();
-    // Waits up to micros for transfer traffic, or for extraFd (ignored when
+    // Waits up to micros for an attempt to end or for extraFd (ignored when
     // negative) to become readable. Returns 1 when extraFd is readable, 0
-    // otherwise, -1 on error. With no transfer under way it polls extraFd only.
+    // otherwise (time-out, an attempt ended, a signal), -1 on error.
     int wait(int extraFd, uint64_t micros);
     // Number of transfers under way.
     size_t active() const { return running; }
@@ -44,10 +51,21 @@ public:
 private:
     friend class DocumentFetch;
     bool add(CURL* handle);
+    // Takes handle off the helper thread (waits until it is, briefly).
     void remove(CURL* handle);
+    void run();
+    void startQueued();
+    void collectEnded();
 
     CURLM* multi = nullptr;
+    int wakeFd = -1;  // readable while ended attempts wait for perform()
     size_t running = 0;
+    std::mutex lock;
+    std::condition_variable removedCv;
+    std::vector<CURL*> toAdd, toRemove;
+    std::vector<std::pair<CURL*, int>> ended;
+    std::atomic<bool> stopping{false};
+    std::thread worker;
 };
 
 class DocumentFetch {
