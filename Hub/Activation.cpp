@@ -27,13 +27,18 @@ bool ActivationJob::step() {
     return true;
 }
 
+// A document this activation could not have is not asked for again by its
+// later objects: one failure (or one line saying it rests) per activation.
 bool ActivationJob::documentReady(bool spec, const std::string& id) {
+    const std::string key = (spec ? "s" : "i") + id;
     if (!fetch) {
         if (!(spec ? specDb.findSpecFile(id) : specDb.findIntfFile(id)).empty()) return true;
+        if (missing.count(key)) return true;
         fetch = spec ? specDb.startSpecDownload(id) : specDb.startIntfDownload(id);
     }
     if (fetch && !fetch->finished()) return false;
     fetch.reset();  // filed or failed: the lookup that follows tells which
+    missing.insert(key);
     return true;
 }
 

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,7 @@ private:
     bool interfaceKnown = false;
     std::string istring;
     std::shared_ptr<DocumentFetch> fetch;
+    std::set<std::string> missing;  // "s"/"i" + id of documents asked for and not had
 };
 
 class PendingActivations {
