@@ -28,11 +28,9 @@ size_t writeToFetch(char* ptr, size_t size, size_t nmemb, void* userdata) {
 
 // ------------------------------------------------------------ HttpTransfers
 
-HttpTransfers::HttpTransfers() {
-    initialiseLibraryOnce();
-    multi = curl_multi_init();
-    wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-}
+// Nothing is set up before the first transfer: the hub's start-up does not
+// pay for the library's initialisation.
+HttpTransfers::HttpTransfers() {}
 
 HttpTransfers::~HttpTransfers() {
     stopping = true;
@@ -47,6 +45,8 @@ HttpTransfers::~HttpTransfers() {
 // The helper thread starts with the first transfer: programs that never
 // download never have it.
 bool HttpTransfers::add(CURL* handle) {
+    if (multi == nullptr) multi = curl_multi_init();
+    if (wakeFd < 0) wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (multi == nullptr || wakeFd < 0 || stopping) return false;
     if (!worker.joinable()) worker = std::thread(&HttpTransfers::run, this);
     {
@@ -145,7 +145,8 @@ int HttpTransfers::wait(int extraFd, uint64_t micros) {
     struct timespec ts;
     ts.tv_sec = static_cast<time_t>(micros / 1000000);
     ts.tv_nsec = static_cast<long>(micros % 1000000) * 1000;
-    const int r = ppoll(p, extraFd >= 0 ? 2 : 1, &ts, nullptr);
+    struct pollfd* first = wakeFd >= 0 ? p : p + 1;  // before the first transfer: extraFd alone
+    const int r = ppoll(first, static_cast<nfds_t>((wakeFd >= 0 ? 1 : 0) + (extraFd >= 0 ? 1 : 0)), &ts, nullptr);
     if (r < 0) return errno == EINTR ? 0 : -1;
     return extraFd >= 0 && (p[1].revents & POLLIN) ? 1 : 0;
 }
@@ -155,6 +156,7 @@ int HttpTransfers::wait(int extraFd, uint64_t micros) {
 DocumentFetch::DocumentFetch(HttpTransfers& t, std::vector<std::string> u, Filer f)
     : transfers(t), urls(std::move(u)), filer(std::move(f)),
       deadline(std::chrono::steady_clock::now() + std::chrono::milliseconds(DOCUMENT_TIMEOUT_MS)) {
+    initialiseLibraryOnce();
     startNext();
 }
 
