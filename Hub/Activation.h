@@ -5,7 +5,7 @@
 // A document missing from the store is downloaded without holding up the
 // hub's loop: the activation waits for it while the loop serves every other
 // device. Meanwhile the device's own datagrams, pings and pongs excepted (they
-// keep its session alive), are held and handled in their order after its
+// and the hub's own probes keep its session alive), are held and handled in their order after its
 // ConfigurationComplete, and messages for it are queued, so the device sees
 // the same sequence of packets as when nothing had to be downloaded. Its log
 // lines keep their order. Loop thread only.
