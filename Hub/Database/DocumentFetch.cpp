@@ -124,9 +124,9 @@ void HttpTransfers::collectEnded() {
 }
 
 void HttpTransfers::perform() {
-    if (running == 0) return;
+    if (wakeFd < 0) return;
     uint64_t count = 0;
-    (void)!::read(wakeFd, &count, sizeof count);
+    (void)!::read(wakeFd, &count, sizeof count);  // also a wake-up left by a cancelled attempt
     std::vector<std::pair<CURL*, int>> done;
     {
         std::lock_guard<std::mutex> g(lock);
