@@ -3,6 +3,7 @@
 #include <array>
 #include <iostream>
 
+#include "Hub/Activation.h"
 #include "Hub/DeviceManager.h"
 #include "Hub/log_line.h"
 #include "Hub/server.h"
@@ -39,7 +40,7 @@ uint8_t MessageTargetInterface::requiredNotificationAccess(uint8_t, MessageID) {
 ClientProxy::ClientProxy(const ClientInfo& info, UdpSocket* socket)
     : dbRecord(info.record), nodeStatus(info.status), selfSocket(socket) {}
 
-ClientProxy::~ClientProxy() = default;
+ClientProxy::~ClientProxy() { pendingActivations().forget(this); }
 
 ObjectInfo* ClientProxy::object(uint8_t n) { return n < objects.size() ? &objects[n] : nullptr; }
 
@@ -80,12 +81,10 @@ bool ClientProxy::sendPacketToDevice(const SockAddress& to, VeltoPacket& p) {
 
 void ClientProxy::activate() {
     nodeStatus.state = NodeStatusInfo::CONNECTED;
-    for (ObjectProxy& obj : objects) {
-        std::string istring = specDb.interfaceString(dbRecord.specs, obj.interface.str());
-        std::cout << "istring=" << istring << '\n';
-        bool loaded = specDb.loadRightsForInterface(istring, obj.msgRights, obj.notiRights);
-        std::cout << (loaded ? "Loaded Rights for dev: " : "Failed to Load Rights for dev: ") << dbRecord.specs
-                  << " iface: " << obj.interface.c_str() << '\n';
+    ActivationJob job(*this);
+    while (!job.step()) {  // each download is bounded (30 s)
+        specDb.waitForDownloads(-1, 100000);
+        specDb.driveDownloads();
     }
 }
 
@@ -328,7 +327,9 @@ void ClientProxy::deliverMessage(const MsgSelector& ms, std::shared_ptr<unsigned
         line << " sz=" << size << " to " << ms.toDeviceId << " / " << unsigned(ms.toObjectNo) << '\n';
     }
 
-    if (downSender.getStatus() != MsgSender::EMPTY) {
+    // While the device's activation waits for documents it gets nothing but
+    // its ConfigurationComplete first.
+    if (downSender.getStatus() != MsgSender::EMPTY || pendingActivations().pending(this)) {
         enqueue(ms, msg, size);
         return;
     }

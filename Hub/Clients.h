@@ -142,7 +142,8 @@ public:
     bool sendPacketToDevice(const SockAddress& to, VeltoPacket& p);
 
     // State CONNECTED; loads each object's rights through the specification
-    // store (a failure is logged and does not stop the activation).
+    // store (a failure is logged and does not stop the activation), waiting
+    // for any download. The hub's loop uses PendingActivations instead.
     void activate();
     // State DISCONNECTED, nothing else.
     void deactivate();

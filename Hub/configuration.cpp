@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "Hub/Activation.h"
 #include "Velto/platform.h"
 
 namespace {
@@ -27,9 +28,9 @@ ObjectInfo objectFromPack(const ObjectInfoPack& pack) {
     return info;
 }
 
-// The table is complete: the device becomes CONNECTED and is told so.
-void completeConfiguration(ClientProxy& proxy) {
-    proxy.activate();
+}  // namespace
+
+void sendConfigurationComplete(ClientProxy& proxy) {
     ConfigurationCompletePack done;
     done.serverTimestamp = currentTime();
     done.dev2HubSequence = proxy.record().fromDeviceSequence;
@@ -37,8 +38,6 @@ void completeConfiguration(ClientProxy& proxy) {
     done.hub2DevSequence = proxy.record().toDeviceSequence;
     proxy.sendPacketToDevice(done);
 }
-
-}  // namespace
 
 void handleConfigSummary(const ConfigSummaryPack& pack, const SockAddress&, ClientProxy& proxy) {
     std::cout << "Received Config Summary. No of objects=" << unsigned(pack.noOfObjects) << '\n';
@@ -66,7 +65,9 @@ void handleObjectInfo(const ObjectInfoPack& pack, const SockAddress&, ClientProx
         std::cout << "DBG: Sent to recv objectNo: " << next << '\n';
         return;
     }
-    completeConfiguration(proxy);
+    // The table is complete: the device becomes CONNECTED and is told so,
+    // once the documents its rights come from are at hand.
+    pendingActivations().start(proxy);
 }
 
 void handlePingPong(const PingPongPack& pack, const SockAddress&, ClientProxy& proxy) {

@@ -79,20 +79,35 @@ void logAdopting(const NetworkJoinPack& pack, const SockAddress& from, DeviceID 
 
 // A device without a usable main key gets 20 zero bytes as key and no trust.
 // (A key of exactly 4 bytes is kept here but does not sign: the two thresholds
-// differ on purpose.)
-void applyMainKeyFallback(ClientDBRec& rec) {
-    if (rec.mainKey.size() >= MIN_MAIN_KEY_SIZE) return;
+// differ on purpose.) True when the key changed.
+bool applyMainKeyFallback(ClientDBRec& rec) {
+    if (rec.mainKey.size() >= MIN_MAIN_KEY_SIZE) return false;
+    const ByteArray<32> before = rec.mainKey;
     rec.trust = 0;
     rec.mainKey.setSize(CLEARED_MAIN_KEY_SIZE);
     memset(rec.mainKey.data(), 0, CLEARED_MAIN_KEY_SIZE);
+    return !(before == rec.mainKey);
 }
 
-// Keeps a session key of 16 bytes or more; otherwise makes a 32-byte one and
-// saves the whole record (the handshake's only save).
-void ensureSessionKey(ClientDBRec& rec) {
-    if (rec.sessionKey.size() >= MIN_SESSION_KEY_SIZE) return;
+// Keeps a session key of 16 bytes or more; otherwise makes a 32-byte one.
+// True when it made one (always for a device's first join).
+bool ensureSessionKey(ClientDBRec& rec) {
+    if (rec.sessionKey.size() >= MIN_SESSION_KEY_SIZE) return false;
     generateRandomData(rec.sessionKey, MAXIMUM_SESSION_KEY_SIZE);
-    clientsDb.updateRecord(rec);
+    return true;
+}
+
+// The handshake's only save: a device's first record and every change of its
+// keys reach the disk before the acceptance leaves, so a power cut cannot
+// lose a device that was told it joined. A failed save is said (at most once
+// a second) and the join goes on: the periodic flush writes it later.
+void saveKeysDurably(const ClientDBRec& rec) {
+    static Timestamp lastComplaint = 0;
+    if (clientsDb.storeRecord(rec, true)) return;
+    const Timestamp now = currentTime();
+    if (now < lastComplaint + 1000) return;
+    lastComplaint = now;
+    std::cerr << "WARNING: the record of DUID " << rec.duid << " could not be synced to disk before its join acceptance\n";
 }
 
 // The 8 bytes of v least significant first, as the hub holds it in memory.
@@ -205,8 +220,8 @@ void handleDomainJoin(const NetworkJoinPack& pack, const SockAddress& from, UdpS
     }
     ja.duid = pack.duid;
     rec.lastAddress = from;
-    applyMainKeyFallback(rec);
-    ensureSessionKey(rec);
+    const bool mainKeyChanged = applyMainKeyFallback(rec);
+    if (ensureSessionKey(rec) || mainKeyChanged) saveKeysDurably(rec);
 
     uint8_t key[SHA1_HASH_LENGTH];
     transportKey(st.clientRand, rec.mainKey, st.svrRand, key);

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <thread>
 
+#include "Hub/Activation.h"
 #include "Hub/configuration.h"
 #include "Hub/log_line.h"
 #include "Hub/messages.h"
@@ -141,7 +142,7 @@ private:
 // Waits up to micros for a datagram, then takes what is queued; the result
 // of the wait (0, -1) or of the refill.
 int waitAndRefill(UdpSocket& sock, ReceivedDatagrams& in, uint64_t micros) {
-    const int w = sock.waitReadable(micros);
+    const int w = pendingActivations().waitReadable(sock, micros);
     return w <= 0 ? w : in.refill(sock);
 }
 
@@ -392,6 +393,7 @@ void mainThread(UdpSocket& sock) {
             reportReceiveError();
         else if (bytes > 0)
             handleDatagram(datagram, static_cast<size_t>(bytes), peer, sock);
+        pendingActivations().drive(sock);
 
         if (received.empty() || periodicWorkDue(deadlines, now)) sends.release(sock);
         doPeriodicWork(deadlines, now, bytes > 0);
@@ -427,6 +429,8 @@ void handleConnectedMsgs(const VeltoPacket& header, const uint8_t* data, size_t 
                            << " msgId=" << static_cast<char>(header.id) << " from " << peer << '\n';
         return;
     }
+    // Held until the device's ConfigurationComplete while its documents download.
+    if (header.id != PingPongPack::PACK_ID && pendingActivations().hold(client, data, size, peer)) return;
     uint8_t sigType = header.signature.signatureType();
     uint8_t encType = header.encType;
     switch (header.id) {

@@ -2,6 +2,8 @@
 # those that are missing. Sourced by run.sh and test.sh.
 
 VELTO_PACKAGES="cmake make g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libexpat1-dev libcurl4-openssl-dev iproute2 util-linux"
+# strace: the test of the synced join record traces the hub's system calls.
+VELTO_PACKAGES="$VELTO_PACKAGES strace"
 
 missing_packages() {
     local pkg missing=""

@@ -129,16 +129,24 @@ int createFresh(const std::string& path) {
     return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
 }
 
-// Writes text to the open temporary file and closes it; true when both
-// succeeded. No fsync: the rename that follows already makes the switch from
-// the old record to the new one atomic for every reader and against a killed
-// process, and syncing each record would cost milliseconds. A power loss may
-// lose the latest writes (the file then holds an older whole record, or none
-// for a device that had just joined).
-bool finishTemp(int fd, const std::string& text) {
-    const bool written = writeAll(fd, text);
+// Writes text to the open temporary file, syncs it when asked, and closes it;
+// true when all of that succeeded. Unsynced, the rename that follows still
+// makes the switch from the old record to the new one atomic for every reader
+// and against a killed process; only a power loss may lose the latest writes
+// (the file then holds an older whole record, or none for a new device).
+bool finishTemp(int fd, const std::string& text, bool synced) {
+    const bool written = writeAll(fd, text) && (!synced || ::fsync(fd) == 0);
     const bool closed = ::close(fd) == 0;
     return written && closed;
+}
+
+// Makes a rename inside dir durable.
+bool syncDirectory(const std::string& dir) {
+    const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool ok = ::fsync(fd) == 0;
+    ::close(fd);
+    return ok;
 }
 
 bool parseStringKey(const std::string& key, const std::string& value, ClientDBRec& rec) {
@@ -342,7 +350,7 @@ bool ClientsDatabase::updateRecord(const ClientDBRec& rec) {
     return status;
 }
 
-bool ClientsDatabase::storeRecord(const ClientDBRec& rec) {
+bool ClientsDatabase::storeRecord(const ClientDBRec& rec, bool synced) {
     if (!isPlainFileName(rec.duid)) return refuseName("updateRecord", rec.duid);
     if (holdsLineBreak(rec)) return refuseLineBreak(rec.duid);
     if (dirName.empty()) return false;  // "/<duid>.dev" would be outside any database
@@ -353,7 +361,8 @@ bool ClientsDatabase::storeRecord(const ClientDBRec& rec) {
     const int fd = createFresh(tempPath);
     if (fd < 0) return false;
     cacheRecord(rec.duid, rec.id);
-    if (finishTemp(fd, recordText(rec)) && ::rename(tempPath.c_str(), path.c_str()) == 0) return true;
+    if (finishTemp(fd, recordText(rec), synced) && ::rename(tempPath.c_str(), path.c_str()) == 0)
+        return !synced || syncDirectory(dirName);
     ::unlink(tempPath.c_str());
     return false;
 }

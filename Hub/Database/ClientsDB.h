@@ -7,8 +7,9 @@
 // once from the directory at construction and afterwards only grows through
 // updateRecord; lookups between DUID and id never touch the disk. A record is
 // written whole to a temporary file and renamed over the old one, so a crash
-// of the process never leaves a torn record (records are not synced: a power
-// loss may lose the latest writes). Nothing is ever written outside the directory.
+// of the process never leaves a torn record. Writes asked to be synced (a new
+// device, new keys) reach the disk before storeRecord returns; the others may
+// be lost to a power cut. Nothing is ever written outside the directory.
 // Main thread only; no locks. Times are Timestamp milliseconds.
 #pragma once
 
@@ -85,10 +86,12 @@ public:
     bool updateRecord(const ClientDBRec& rec);
     // The work of updateRecord with its real outcome: true when the record's
     // file now holds rec (temporary file written, closed and renamed over the
-    // old one); false on every refusal or failure. Records are not synced to
-    // disk: a killed process never leaves a torn record (the rename is atomic),
-    // while a power loss may lose the latest writes.
-    bool storeRecord(const ClientDBRec& rec);
+    // old one); false on every refusal or failure. A killed process never
+    // leaves a torn record (the rename is atomic). With synced, the temporary
+    // file is synced before the rename and the directory after it, so the
+    // record survives a power cut once this returns true (costs a few disk
+    // flushes); without, a power loss may lose the latest writes.
+    bool storeRecord(const ClientDBRec& rec, bool synced = false);
     // Fills the cache from the directory; false only when it cannot be listed.
     // Called by the constructor.
     bool preloadCache();

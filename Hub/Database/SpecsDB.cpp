@@ -1,7 +1,5 @@
 #include "Hub/Database/SpecsDB.h"
 
-#include <curl/curl.h>
-
 #include <charconv>
 #include <cstdio>
 #include <fstream>
@@ -22,33 +20,12 @@ const char* const SPEC_EXT = ".spec";
 const char* const INTF_EXT = ".intf";
 const char* const SPEC_URL_SUFFIX = "/device.spec";
 
-// Not in the original set of transfer options: without them a server that
-// accepts and then stays silent would block the hub's only thread for ever.
-const long CONNECT_TIMEOUT_MS = 5000;
-const long TRANSFER_TIMEOUT_MS = 30000;
-
 struct FileCloser {
     void operator()(FILE* f) const {
         if (f) fclose(f);
     }
 };
 typedef std::unique_ptr<FILE, FileCloser> FilePtr;
-
-struct CurlCleaner {
-    void operator()(CURL* handle) const {
-        if (handle) curl_easy_cleanup(handle);
-    }
-};
-typedef std::unique_ptr<CURL, CurlCleaner> CurlPtr;
-
-// Global initialisation of the transfer library for the lifetime of one fetch.
-class CurlGlobal {
-public:
-    CurlGlobal() { curl_global_init(CURL_GLOBAL_ALL); }
-    ~CurlGlobal() { curl_global_cleanup(); }
-    CurlGlobal(const CurlGlobal&) = delete;
-    CurlGlobal& operator=(const CurlGlobal&) = delete;
-};
 
 // Splits one index line into its two words; false when it holds fewer.
 bool readIndexLine(const std::string& line, std::string& id, std::string& number) {
@@ -63,19 +40,25 @@ std::string formatNumber(uint64_t number) {
     return ss.str();
 }
 
-// Performs one GET of url into body; the transfer result is not looked at,
-// only the bytes that arrived count.
-void fetchInto(const std::string& url, std::vector<char>& body) {
-    CurlGlobal global;
-    CurlPtr handle(curl_easy_init());
-    if (!handle) return;
-    curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
-    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, &WriteMemoryCallback);
-    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, static_cast<void*>(&body));
-    curl_easy_setopt(handle.get(), CURLOPT_USERAGENT, "libcurl-agent/1.0");
-    curl_easy_setopt(handle.get(), CURLOPT_CONNECTTIMEOUT_MS, CONNECT_TIMEOUT_MS);
-    curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT_MS, TRANSFER_TIMEOUT_MS);
-    curl_easy_perform(handle.get());
+// Waits for fetch, moving db's downloads on meanwhile.
+void waitFor(SpecsDB& db, const std::shared_ptr<DocumentFetch>& fetch) {
+    while (fetch && !fetch->finished()) {
+        db.waitForDownloads(-1, 100000);
+        db.driveDownloads();
+    }
+    db.driveDownloads();  // settles a fetch that finished when it started
+}
+
+// Writes body to target (truncated); the outcome text of the attempt's line.
+bool writeBody(const std::vector<char>& body, const std::string& target, std::string& outcome) {
+    FilePtr out(fopen(target.c_str(), "wb"));
+    if (!out) {
+        outcome = "Failed. Error opening target file " + target;
+        return false;
+    }
+    fwrite(body.data(), 1, body.size(), out.get());
+    outcome = "OK as file " + target;
+    return true;
 }
 
 bool appendIndexLine(const std::string& indexFile, const std::string& id, const std::string& number) {
@@ -87,6 +70,15 @@ bool appendIndexLine(const std::string& indexFile, const std::string& id, const 
 
 }  // namespace
 
+struct SpecsDB::Kind {
+    const char* indexName;
+    const char* extension;
+    const char* urlSuffix;
+};
+
+const SpecsDB::Kind SpecsDB::SPEC_DOCS = {SPECS_INDEX, SPEC_EXT, SPEC_URL_SUFFIX};
+const SpecsDB::Kind SpecsDB::INTF_DOCS = {INTERFACES_INDEX, INTF_EXT, ""};
+
 SpecsDB::SpecsDB(const std::string& dirName) : dirName(dirName) {}
 
 SpecsDB::~SpecsDB() {}
@@ -95,16 +87,20 @@ std::string SpecsDB::findSpecFile(std::string specId) {
     return findDocument(specId, SPECS_INDEX, SPEC_EXT);
 }
 
-std::string SpecsDB::downloadSpecFile(std::string specId) {
-    return downloadDocument(specId, SPECS_INDEX, SPEC_EXT, SPEC_URL_SUFFIX);
-}
+std::string SpecsDB::downloadSpecFile(std::string specId) { return downloadDocument(specId, SPEC_DOCS); }
 
 std::string SpecsDB::findIntfFile(std::string intfId) {
     return findDocument(intfId, INTERFACES_INDEX, INTF_EXT);
 }
 
-std::string SpecsDB::downloadIntfFile(std::string intfId) {
-    return downloadDocument(intfId, INTERFACES_INDEX, INTF_EXT, "");
+std::string SpecsDB::downloadIntfFile(std::string intfId) { return downloadDocument(intfId, INTF_DOCS); }
+
+std::shared_ptr<DocumentFetch> SpecsDB::startSpecDownload(const std::string& specId) {
+    return startDownload(specId, SPEC_DOCS);
+}
+
+std::shared_ptr<DocumentFetch> SpecsDB::startIntfDownload(const std::string& intfId) {
+    return startDownload(intfId, INTF_DOCS);
 }
 
 std::string SpecsDB::findDocument(const std::string& id, const std::string& indexName,
@@ -114,27 +110,75 @@ std::string SpecsDB::findDocument(const std::string& id, const std::string& inde
     return dirName + "/" + number + extension;
 }
 
-std::string SpecsDB::downloadDocument(const std::string& id, const std::string& indexName,
-                                      const std::string& extension, const std::string& urlSuffix) {
+// The document's number is taken when its body is filed, not when the
+// download starts: downloads of several documents may run side by side.
+std::string SpecsDB::downloadDocument(const std::string& id, const Kind& kind) {
     if (id.size() < 3) return std::string();
-    const std::string indexFile = dirName + indexName;
-    const std::string number = formatNumber(maxIdxinIdxFile(indexFile) + 1);
-    const std::string target = dirName + "/" + number + extension;
-    const std::string urls[] = {
-        "https://" + id + urlSuffix,
-        "https://www." + id + urlSuffix,
-        "http://" + id + urlSuffix,
-        "http://www." + id + urlSuffix,
-    };
-    for (const std::string& url : urls) {
-        if (downloadFile(url, target)) {
-            appendIndexLine(indexFile, id, number);
-            break;
-        }
+    const std::shared_ptr<DocumentFetch> fetch = startDownload(id, kind);
+    waitFor(*this, fetch);
+    if (fetch && fetch->succeeded()) {
+        const std::string path = findDocument(id, kind.indexName, kind.extension);
+        if (!path.empty()) return path;
     }
-    // Also after four failed tries: the caller then finds no file there, and
-    // a later attempt reuses the same number.
-    return target;
+    // After failed tries: a path where no file is, the number a later attempt takes.
+    const std::string number = formatNumber(maxIdxinIdxFile(dirName + kind.indexName) + 1);
+    return dirName + "/" + number + kind.extension;
+}
+
+std::shared_ptr<DocumentFetch> SpecsDB::startDownload(const std::string& id, const Kind& kind) {
+    if (id.size() < 3) return nullptr;
+    const std::string key = std::string(kind.indexName) + id;
+    auto running = inFlight.find(key);
+    if (running != inFlight.end()) return running->second;
+    if (failedRecently(key, id)) return nullptr;
+    const std::vector<std::string> urls = {
+        "https://" + id + kind.urlSuffix,
+        "https://www." + id + kind.urlSuffix,
+        "http://" + id + kind.urlSuffix,
+        "http://www." + id + kind.urlSuffix,
+    };
+    const Kind* k = &kind;
+    auto fetch = std::make_shared<DocumentFetch>(
+        transfers, urls,
+        [this, id, k](const std::vector<char>& body, std::string& outcome) { return fileDocument(id, *k, body, outcome); });
+    inFlight[key] = fetch;
+    return fetch;
+}
+
+bool SpecsDB::fileDocument(const std::string& id, const Kind& kind, const std::vector<char>& body,
+                           std::string& outcome) {
+    const std::string indexFile = dirName + kind.indexName;
+    const std::string number = formatNumber(maxIdxinIdxFile(indexFile) + 1);
+    if (!writeBody(body, dirName + "/" + number + kind.extension, outcome)) return false;
+    appendIndexLine(indexFile, id, number);
+    return true;
+}
+
+bool SpecsDB::failedRecently(const std::string& key, const std::string& id) {
+    auto it = failedAt.find(key);
+    if (it == failedAt.end()) return false;
+    const auto ago = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - it->second);
+    if (ago.count() >= FAILED_DOCUMENT_PAUSE_MS) {
+        failedAt.erase(it);
+        return false;
+    }
+    std::cout << ("Downloading " + id + " skipped: it failed " + std::to_string(ago.count() / 1000) +
+                  " s ago; not tried again within " + std::to_string(FAILED_DOCUMENT_PAUSE_MS / 1000) + " s\n")
+              << std::flush;
+    return true;
+}
+
+void SpecsDB::driveDownloads() {
+    if (inFlight.empty()) return;
+    transfers.perform();
+    for (auto it = inFlight.begin(); it != inFlight.end();) {
+        if (!it->second->finished()) {
+            ++it;
+            continue;
+        }
+        if (!it->second->succeeded()) failedAt[it->first] = std::chrono::steady_clock::now();
+        it = inFlight.erase(it);
+    }
 }
 
 bool SpecsDB::loadRightsForInterface(const std::string& intfId,
@@ -142,7 +186,11 @@ bool SpecsDB::loadRightsForInterface(const std::string& intfId,
                                      std::map<unsigned short, unsigned char>& typeOneRights) {
     std::string path = findIntfFile(intfId);
     if (path.empty()) path = downloadIntfFile(intfId);
+    return loadRightsFrom(path, typeTwoRights, typeOneRights);
+}
 
+bool SpecsDB::loadRightsFrom(const std::string& path, std::map<unsigned short, unsigned char>& typeTwoRights,
+                             std::map<unsigned short, unsigned char>& typeOneRights) {
     InterfaceFileParser parser("en", "ro");
     if (!parser.parse(path, false)) return false;
 
@@ -161,7 +209,10 @@ std::string SpecsDB::interfaceString(const std::string& specId, const std::strin
     std::string path = findSpecFile(specId);
     if (path.empty()) path = downloadSpecFile(specId);
     if (path.empty()) return std::string();
+    return interfaceStringIn(path, interfaceName);
+}
 
+std::string SpecsDB::interfaceStringIn(const std::string& path, const std::string& interfaceName) {
     SpecFileParser parser("en", "en");
     if (!parser.parse(path, false)) return std::string();
 
@@ -200,23 +251,15 @@ uint64_t maxIdxinIdxFile(std::string idxFile) {
 }
 
 bool downloadFile(const std::string& url, const std::string& target) {
-    std::cout << "Downloading " << url << " ... " << std::flush;
-
-    std::vector<char> body;
-    fetchInto(url, body);
-    if (body.empty()) {
-        std::cout << "Failed. Error data size=0\n";
-        return false;
+    HttpTransfers transfers;
+    DocumentFetch fetch(transfers, {url}, [&target](const std::vector<char>& body, std::string& outcome) {
+        return writeBody(body, target, outcome);
+    });
+    while (!fetch.finished()) {
+        transfers.wait(-1, 100000);
+        transfers.perform();
     }
-
-    FilePtr out(fopen(target.c_str(), "wb"));
-    if (!out) {
-        std::cout << "Failed. Error opening target file " << target << '\n';
-        return false;
-    }
-    fwrite(body.data(), 1, body.size(), out.get());
-    std::cout << "OK as file " << target << '\n';
-    return true;
+    return fetch.succeeded();
 }
 
 size_t WriteMemoryCallback(void* ptr, size_t size, size_t nmemb, void* userdata) {

@@ -6,14 +6,24 @@
 // in an index file ("/specs.idx" or "/interfaces.idx") as the line
 // "identifier\tnumber". The two kinds are numbered independently, from
 // 000000001. Index files only grow; nothing is cached in memory: every lookup
-// rereads the index. Downloads block the caller. Nothing throws; failures are
-// empty strings or false, with progress lines on standard output.
+// rereads the index; the one thing kept in memory is when a document last
+// failed to download: it is not tried again for 10 minutes. Downloads are
+// bounded (5 s to connect, 30 s per document over all its addresses, 1 MiB).
+// The download operations below wait for their transfer; the start...Download
+// operations do not, and are moved on by driveDownloads() from the caller's
+// loop. Nothing throws; failures are empty strings or false, with progress
+// lines on standard output. Single-threaded.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <chrono>
 #include <map>
+#include <memory>
 #include <string>
+#include <vector>
+
+#include "Hub/Database/DocumentFetch.h"
 
 class SpecsDB {
 public:
@@ -49,15 +59,49 @@ public:
     // has no such entry. Nothing is cached between calls.
     std::string interfaceString(const std::string& specId, const std::string& interfaceName);
 
+    // How long a document that failed to download is not tried again, ms.
+    static constexpr long FAILED_DOCUMENT_PAUSE_MS = 600000;
+
+    // Start the download of a missing document without waiting for it, or
+    // join the one already under way for the same document. Null when there
+    // is nothing to wait for: an identifier shorter than 3 characters, or a
+    // document that failed within the last 10 minutes (said in one line). The
+    // caller looks the document up again once the fetch is finished().
+    std::shared_ptr<DocumentFetch> startSpecDownload(const std::string& specId);
+    std::shared_ptr<DocumentFetch> startIntfDownload(const std::string& intfId);
+    // Moves every download on without waiting; remembers the failures.
+    void driveDownloads();
+    // True while a download is under way.
+    bool downloading() const { return !inFlight.empty(); }
+    // Waits up to micros for download traffic or for extraFd to become
+    // readable (see HttpTransfers::wait): 1 when extraFd is, 0, -1 on error.
+    int waitForDownloads(int extraFd, uint64_t micros) { return transfers.wait(extraFd, micros); }
+
+    // The parsing halves of interfaceString and loadRightsForInterface, on a
+    // document already on disk (a path that does not open fails the parse).
+    std::string interfaceStringIn(const std::string& specPath, const std::string& interfaceName);
+    bool loadRightsFrom(const std::string& intfPath, std::map<unsigned short, unsigned char>& typeTwoRights,
+                        std::map<unsigned short, unsigned char>& typeOneRights);
+
 private:
+    struct Kind;
+    static const Kind SPEC_DOCS;
+    static const Kind INTF_DOCS;
     // Shared body of the two download operations.
-    std::string downloadDocument(const std::string& id, const std::string& indexName,
-                                 const std::string& extension, const std::string& urlSuffix);
+    std::string downloadDocument(const std::string& id, const Kind& kind);
+    std::shared_ptr<DocumentFetch> startDownload(const std::string& id, const Kind& kind);
+    // Writes body as the next document of its kind and notes it in the index.
+    bool fileDocument(const std::string& id, const Kind& kind, const std::vector<char>& body, std::string& outcome);
+    // True (with its line) when id failed within the pause.
+    bool failedRecently(const std::string& key, const std::string& id);
     // dirName + "/" + number + extension when indexName has id, otherwise "".
     std::string findDocument(const std::string& id, const std::string& indexName,
                              const std::string& extension);
 
     std::string dirName;
+    HttpTransfers transfers;
+    std::map<std::string, std::shared_ptr<DocumentFetch>> inFlight;  // index name + id -> fetch
+    std::map<std::string, std::chrono::steady_clock::time_point> failedAt;
 };
 
 // The number recorded for id in idxFile, as written; "" when the file does
@@ -68,8 +112,8 @@ std::string findIdxInIdxFile(std::string idxFile, std::string id);
 // Lines without two words or with a non-numeric second word are skipped.
 uint64_t maxIdxinIdxFile(std::string idxFile);
 
-// Fetches url into target (truncated). Prints "Downloading <url> ... " then
-// the outcome on standard output. Returns false when no byte arrived or the
+// Fetches url into target (truncated), within the bounds above. Prints
+// "Downloading <url> ... <outcome>" on standard output when it ends. Returns false when no byte arrived or the
 // target cannot be opened, true otherwise (an error page with a body counts).
 bool downloadFile(const std::string& url, const std::string& target);
 

@@ -23,6 +23,7 @@
 #include "bench/driver/processes.h"
 #include "bench/driver/report.h"
 #include "bench/driver/rounds.h"
+#include "bench/driver/hung_run.h"
 #include "bench/driver/scale_runs.h"
 
 namespace {
@@ -121,6 +122,10 @@ int main(int argc, char** argv) {
     std::printf("Start-up times\n");
     std::fflush(stdout);
     runStartup(cfg, s);
+    std::printf("Pings during a hung document download\n");
+    std::fflush(stdout);
+    HungData hung;
+    runHungDownload(cfg, hung);
     std::printf("HMAC timing\n");
     std::fflush(stdout);
     HmacData h;
@@ -131,7 +136,7 @@ int main(int argc, char** argv) {
     std::string plotWhy;
     bool plotted = plotThroughput(cfg, t, outDir + "/latest.png", plotWhy);
     if (!plotted) h.problems.push_back("plot: " + plotWhy);
-    std::string md = markdownReport(cfg, info, t, s, h, "latest.png");
+    std::string md = markdownReport(cfg, info, t, s, h, "latest.png") + hungMarkdown(hung);
     bool written = writeFile(outDir + "/latest.md", md) && writeFile(outDir + "/latest.csv", roundsCsv(t));
     std::printf("\n%s", md.c_str());
     std::printf("\nWritten: %s/latest.md, latest.csv%s\n", outDir.c_str(), plotted ? ", latest.png" : "");

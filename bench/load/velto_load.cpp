@@ -15,6 +15,10 @@
 //     from one device while all stay connected (one STALL line; slow_at_ms
 //     lists when round trips of 50 ms or more ended).
 //
+//   velto-load hung --port N [--probe-ms 10000]
+//     One device pings the hub back to back while another device's document
+//     download hangs (see hung_download.h). One HUNG line.
+//
 // Exit status 0 when everything ran, 1 otherwise (with a line on standard error).
 #include <cstdio>
 #include <memory>
@@ -28,6 +32,7 @@
 #include "bench/common/result_line.h"
 #include "bench/common/velto_packets.h"
 #include "bench/load/hub_join.h"
+#include "bench/load/hung_download.h"
 #include "bench/load/pair_traffic.h"
 #include "bench/load/scale_fleet.h"
 
@@ -208,5 +213,6 @@ int main(int argc, char** argv) {
     bench::CliArgs args(argc, argv);
     if (args.command() == "pairs") return runPairs(args);
     if (args.command() == "scale") return runScale(args);
-    return failWith("usage: velto-load pairs|scale [options] (see the header of velto_load.cpp)");
+    if (args.command() == "hung") return bench::runHungDownload(args);
+    return failWith("usage: velto-load pairs|scale|hung [options] (see the header of velto_load.cpp)");
 }

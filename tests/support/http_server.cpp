@@ -121,6 +121,10 @@ void HttpServer::run() {
     const auto end = std::chrono::steady_clock::now() + MAX_LIFETIME;
     int served = 0;
     while (!stopping && served < MAX_CONNECTIONS && std::chrono::steady_clock::now() < end) {
+        if (mode == HANG) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(POLL_SLICE_MS));
+            continue;
+        }
         pollfd p{listenFd, POLLIN, 0};
         if (poll(&p, 1, POLL_SLICE_MS) <= 0) continue;
         const int fd = accept(listenFd, nullptr, nullptr);
@@ -142,6 +146,7 @@ void HttpServer::serve(int fd) {
     const std::string path = request.substr(4, pathEnd == std::string::npos ? std::string::npos : pathEnd - 4);
     record("GET " + headerValue(request, "Host") + " " + path);
 
+    if (mode == DRIP || mode == HUGE) return misbehave(fd);
     if (mode == EMPTY_BODY) {
         sendAll(fd, response(200, ""));
         return;
@@ -153,6 +158,18 @@ void HttpServer::serve(int fd) {
         answer = it == bodies.end() ? response(404, "") : response(200, it->second);
     }
     sendAll(fd, answer);
+}
+
+// Bounded: the drip stops with the server or the client (at most 10 minutes),
+// the huge body when the client stops reading.
+void HttpServer::misbehave(int fd) {
+    sendAll(fd, std::string("HTTP/1.0 200 OK\r\n") + (mode == DRIP ? "Content-Length: 1000\r\n" : "") + "\r\n");
+    if (mode == HUGE) return sendAll(fd, std::string(10 << 20, 'x'));
+    for (int i = 0; i < 600 && !stopping; ++i) {
+        if (send(fd, "x", 1, MSG_NOSIGNAL) != 1) return;
+        for (int t = 0; t < 1000 / POLL_SLICE_MS && !stopping; ++t)
+            std::this_thread::sleep_for(std::chrono::milliseconds(POLL_SLICE_MS));
+    }
 }
 
 }  // namespace testsupport

@@ -1,7 +1,10 @@
 // A tiny HTTP/1.0 server for tests: one thread accepting on 127.0.0.1 at a
 // free port, answering GET requests from a map of path -> body and closing
 // the connection after each response. Unknown paths get a 404 with no body;
-// in empty-body mode every request gets a 200 with no body. A connection whose
+// in empty-body mode every request gets a 200 with no body. Misbehaving
+// servers: HANG never accepts (the kernel completes the connection, nothing
+// is ever read or answered), DRIP answers every request with a 200 whose body
+// comes one byte a second, HUGE with a 10 MiB body and no length. A connection whose
 // first bytes are not "GET " (a TLS handshake, for instance) is closed at once.
 // The destructor stops the thread; every wait is bounded.
 #pragma once
@@ -18,7 +21,7 @@ namespace testsupport {
 
 class HttpServer {
 public:
-    enum Mode { SERVE_MAP, EMPTY_BODY };
+    enum Mode { SERVE_MAP, EMPTY_BODY, HANG, DRIP, HUGE };
     typedef std::map<std::string, std::string> Routes;  // path -> body
 
     explicit HttpServer(Routes bodies, Mode mode = SERVE_MAP);
@@ -40,6 +43,7 @@ public:
 private:
     void run();
     void serve(int fd);
+    void misbehave(int fd);
     void record(const std::string& entry);
 
     Routes bodies;

@@ -68,3 +68,22 @@ TEST_F(SpecsDBTest, IndexFilesAreReadWordByWord) {
     EXPECT_EQ(findIdxInIdxFile(idx, "lonely"), "");
     EXPECT_EQ(SpecsDB(dir.path()).findSpecFile("a"), dir.path() + "/7.spec");
 }
+
+// A body above 1 MiB is refused at every address that sends one; the document
+// then rests: a second lookup within 10 minutes says so in one line and
+// connects nowhere.
+TEST_F(SpecsDBTest, AnOversizedDocumentIsRefusedAndNotTriedAgainForTenMinutes) {
+    HttpServer server(HttpServer::Routes{}, HttpServer::HUGE);
+    ASSERT_TRUE(server.ok());
+    SpecsDB db(dir.path());
+    const std::string id = "localhost:" + std::to_string(server.port());
+    std::string out = stdoutOf([&] { EXPECT_FALSE(fileExists(db.downloadSpecFile(id))); });
+    EXPECT_NE(out.find("Downloading http://" + id + "/device.spec ... Failed. Document larger than 1048576 bytes refused\n"),
+              std::string::npos) << out;
+    EXPECT_FALSE(fileExists(dir.file("specs.idx")));
+
+    const size_t connections = server.connections().size();
+    out = stdoutOf([&] { EXPECT_EQ(db.interfaceString(id, "obj0"), ""); });
+    EXPECT_EQ(out, "Downloading " + id + " skipped: it failed 0 s ago; not tried again within 600 s\n");
+    EXPECT_EQ(connections, server.connections().size());
+}
