@@ -634,6 +634,11 @@ void DeviceSession::service(Timestamp now) {
     if (!o.note.empty()) diag(o.note);
 }
 
+int DeviceSession::pollSliceMs() const {
+    if (outbox.betweenBursts()) return MessageOutbox::BURST_GAP_MS;
+    return outbox.busy() || inbox.receiving() || st != State::READY ? 25 : 100;
+}
+
 int DeviceSession::poll(int timeoutMs) {
     if (!link.isOpen()) {
         fail("the session has not been started");
@@ -643,9 +648,7 @@ int DeviceSession::poll(int timeoutMs) {
     uint8_t buf[MAX_PACKET_SIZE];
     for (;;) {
         service(currentTime());
-        int slice = outbox.busy() || inbox.receiving() || st != State::READY ? 25 : 100;
-        if (outbox.betweenBursts()) slice = MessageOutbox::BURST_GAP_MS;
-        int wait = std::min(remainingMs(deadline), slice);
+        int wait = std::min(remainingMs(deadline), pollSliceMs());
         SockAddress from;
         int n = link.receive(buf, sizeof(buf), from, static_cast<uint32_t>(wait));
         if (n < 0) {

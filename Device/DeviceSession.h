@@ -137,6 +137,10 @@ public:
     const DeviceConfig& config() const { return cfg; }
     // The socket descriptor (for select), or -1 before start().
     int handle() const { return link.handle(); }
+    // How long a caller waiting on handle() may sleep before poll() is due
+    // again, in ms: short while a transfer or the join is under way (the gap
+    // between two bursts of pieces), longer when idle.
+    int pollSliceMs() const;
     const std::string& lastError() const { return lastErr; }
     static const char* stateName(State s);
 

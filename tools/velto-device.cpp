@@ -145,7 +145,7 @@ int runDevice(DeviceSession& s) {
         FD_ZERO(&fds);
         FD_SET(STDIN_FILENO, &fds);
         FD_SET(s.handle(), &fds);
-        timeval tv{0, 25000};
+        timeval tv{0, std::min(s.pollSliceMs(), 25) * 1000};
         int ready = select(std::max(STDIN_FILENO, s.handle()) + 1, &fds, nullptr, nullptr, &tv);
         if (s.poll(0) < 0) {
             warn("ERROR " + s.lastError());
