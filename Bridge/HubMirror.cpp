@@ -116,9 +116,10 @@ void HubMirror::setOnline(BridgeDevice& dev, bool online) {
     if (dev.online == online) return;
     dev.online = online;
     // A device that comes back has a fresh session at the hub: its objects are
-    // read and its notifications subscribed again.
+    // read and its notifications subscribed again before it is said online
+    // (takeObjects), so what it sends after that reaches its topics.
     if (online) toAsk.push_back(dev.id);
-    listener.availabilityChanged(dev);
+    else listener.availabilityChanged(dev);
 }
 
 void HubMirror::takeObjects(const std::vector<uint8_t>& body) {
@@ -143,6 +144,7 @@ void HubMirror::takeObjects(const std::vector<uint8_t>& body) {
     dev.described = true;
     subscribeAll(dev);
     listener.deviceDescribed(dev);
+    if (dev.online) listener.availabilityChanged(dev);
 }
 
 void HubMirror::subscribeAll(const BridgeDevice& dev) {

@@ -5,7 +5,8 @@
 // (at most WINDOW requests in flight, since the hub keeps only a few replies
 // waiting per device), loads each object's interface document, subscribes to
 // every notification the document declares, and tells its listener what
-// changed. Nothing here blocks: requests go out through the session's queue
+// changed. A device is reported online once its objects are read and its
+// notifications subscribed (after each rejoin too). Nothing here blocks: requests go out through the session's queue
 // and replies arrive through onHubMessage.
 #pragma once
 

@@ -2,6 +2,8 @@
 # those that are missing. Sourced by run.sh and test.sh.
 
 VELTO_PACKAGES="cmake make g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libexpat1-dev libcurl4-openssl-dev iproute2 util-linux"
+# The MQTT bridge (client library, JSON) and its tests (broker, command-line clients).
+VELTO_PACKAGES="$VELTO_PACKAGES libmosquitto-dev mosquitto mosquitto-clients nlohmann-json3-dev"
 
 missing_packages() {
     local pkg missing=""
