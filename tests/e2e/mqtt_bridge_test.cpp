@@ -155,6 +155,18 @@ TEST_F(MqttBridge, DiscoveryNotificationsAndSets) {
             EXPECT_TRUE(rec(0).messages.empty()) << c.message;
         }
     }
+    // Home Assistant's birth message brings the configs again.
+    ChildProcess& again = subscribe("homeassistant/#");
+    publish("homeassistant/status", "online");
+    EXPECT_TRUE(saw(again, "0 homeassistant/switch/velto_lamp-01/light_power/config ")) << again.out();
+    // A removed device leaves no retained topic behind.
+    ChildProcess& answer = subscribe("velto/bridge/response/#");
+    publish("velto/bridge/request/remove", "{\"device\": \"lamp-01\", \"transaction\": 7}");
+    EXPECT_TRUE(saw(answer, "{\"data\":{\"device\":\"lamp-01\"},\"status\":\"ok\",\"transaction\":7}"))
+        << answer.out();
+    ChildProcess& left = subscribe("velto/lamp-01/#");
+    pumpFor(500);
+    EXPECT_EQ("", left.out());
 }
 
 // A lamp that leaves goes offline and comes back online (and its
