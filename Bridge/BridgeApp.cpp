@@ -42,6 +42,7 @@ int BridgeApp::run(volatile std::sig_atomic_t& stop) {
         now = currentTime();
         followSession(now);
         mirror.service(now);
+        mirror.documentsArrived();
         publisher.service(now);
     }
     publisher.stopping();

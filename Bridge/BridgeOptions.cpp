@@ -102,7 +102,7 @@ std::string bridgeUsage() {
            "  --broker HOST[:PORT]     the MQTT broker (default 127.0.0.1:1883)\n"
            "  --base-topic T           topic prefix (default velto)\n"
            "  --discovery-prefix P     Home Assistant discovery prefix (default homeassistant)\n"
-           "  --store DIR              where interface documents are looked up (default DB)\n"
+           "  --store DIR              where interface documents are looked up and filed (default DB)\n"
            "  --username U             MQTT user name\n"
            "  --password-file F        file whose first line is the MQTT password\n"
            "  --tls-ca FILE            connect with TLS, trusting this CA file\n"

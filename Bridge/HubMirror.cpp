@@ -154,6 +154,24 @@ void HubMirror::subscribeAll(const BridgeDevice& dev) {
                 if (m.type == NOTIFICATION_MSGCAT) session.subscribe(dev.id, o.number, static_cast<uint16_t>(m.id), true);
 }
 
+void HubMirror::documentsArrived() {
+    std::vector<std::string> ids = store.takeDownloaded();
+    if (ids.empty()) return;
+    std::set<std::string> arrived(ids.begin(), ids.end());
+    for (auto& entry : devs) {
+        BridgeDevice& dev = entry.second;
+        bool changed = false;
+        for (BridgeObject& o : dev.objects)
+            if (!o.doc && arrived.count(o.interfaceId) != 0) {
+                o.doc = store.find(o.interfaceId);
+                changed = changed || o.doc != nullptr;
+            }
+        if (!changed) continue;
+        if (dev.online) subscribeAll(dev);
+        listener.deviceDescribed(dev);
+    }
+}
+
 void HubMirror::sessionLost() {
     for (auto& entry : devs) setOnline(entry.second, false);
     asking.clear();

@@ -47,6 +47,9 @@ public:
     // sessionBack() reads everything again (and so subscribes again).
     void sessionLost();
     void sessionBack();
+    // Documents whose download ended: the objects that name them are looked
+    // up again, subscribed and described anew.
+    void documentsArrived();
     // Reads the list, every object and every document again.
     void refresh();
     // Forgets the device with this DUID until it leaves the hub's list.

@@ -4,6 +4,8 @@
 #include <mosquitto.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <random>
 
@@ -66,7 +68,7 @@ void MqttLink::tryConnect(Timestamp now) {
     int rc = mosquitto_connect(mosq, cfg.host.c_str(), cfg.port, cfg.keepAliveS);
     if (rc != MOSQ_ERR_SUCCESS) {
         report("cannot connect to the broker at " + cfg.host + ":" + std::to_string(cfg.port) + ": " +
-               (rc == MOSQ_ERR_ERRNO ? "connection failed" : mosquitto_strerror(rc)));
+               (rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc)));
         socketOpen = false;
         lost(now);
         return;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tests/support/device_scenario.h"
+#include "tests/support/http_server.h"
 
 using namespace device;
 using namespace testsupport;
@@ -41,17 +42,17 @@ protected:
     }
     // Starts the bridge and waits until it has published the lamp; then a
     // fresh subscriber on filter, which sees what is retained with flag 1.
-    ChildProcess& startBridge(const std::string& filter) {
+    ChildProcess& startBridge(const std::string& filter, const std::string& store = "DB") {
         EXPECT_TRUE(bridge.start({VELTO_MQTT_BIN, "--hub", "127.0.0.1", "--broker", "127.0.0.1:" + PORT,
-                                  "--poll-ms", "300", "--store", "DB"},
+                                  "--poll-ms", "300", "--store", store},
                                  work.path(), "bridge"));
         ChildProcess& live = subscribe("velto/bridge/devices");
         EXPECT_TRUE(saw(live, "\"online\":true")) << bridge.err();
         return subscribe(filter);
     }
-    DeviceSession& lamp() {
+    DeviceSession& lamp(const std::string& specs = "la") {
         DeviceConfig c = config("lamp-01");
-        c.specs = "la";
+        c.specs = specs;
         c.objects = {DeviceObject{"light", "switchable", 0, 0}};
         return device(c);
     }
@@ -198,4 +199,24 @@ TEST_F(MqttBridge, AvailabilityBrokerRestartAndWill) {
 
     bridge.kill9();
     EXPECT_TRUE(saw(second, "velto/bridge/state offline", 10000)) << second.out();
+}
+
+// A document missing from the bridge's store is downloaded off its loop and
+// filed in the store's layout; the lamp's entities follow.
+TEST_F(MqttBridge, AMissingDocumentIsDownloadedIntoTheBridgesStore) {
+    HttpServer web{HttpServer::Routes()};
+    ASSERT_TRUE(web.ok());
+    const std::string intfId = "localhost:" + std::to_string(web.port()) + "/intf/Switchable.1";
+    const std::string intf = readFile(std::string(VELTO_EXAMPLES_DIR) + "/switchable.intf.xml");
+    web.setBody("/intf/Switchable.1", intf);
+    ASSERT_TRUE(writeFile(work.file("DB/specs.idx"), "la\t000000001\nsb\t000000002\n"));
+    ASSERT_TRUE(writeFile(work.file("DB/000000002.spec"), "<Velto-spec><interfaces><interface name=\"switchable\" intf=\"" +
+                                                              intfId + "\"/></interfaces></Velto-spec>\n"));
+    ASSERT_EQ(0, mkdir(work.file("bstore").c_str(), 0755));
+    lamp("sb");
+    ASSERT_TRUE(joinAll()) << hub.err();
+    ChildProcess& all = startBridge("homeassistant/#", "bstore");
+    EXPECT_TRUE(saw(all, "1 homeassistant/switch/velto_lamp-01/light_power/config ")) << bridge.err();
+    EXPECT_EQ(intf, readFile(work.file("bstore/000000001.intf")));
+    EXPECT_EQ(intfId + "\t000000001\n", readFile(work.file("bstore/interfaces.idx")));
 }
