@@ -48,20 +48,29 @@ bool applyOption(const std::string& a, const std::string& v, BridgeOptions& o, s
     if (a == "--hub") {
         if (!device::parseHubAddress(v, o.device.hub)) return refuse(why, "bad hub address \"" + v + "\"");
         o.device.discover = false;
-    } else if (a == "--duid") o.device.duid = v;
+    } else if (a == "--duid")
+        o.device.duid = v;
     else if (a == "--broker") {
         if (!parseBroker(v, o.mqtt)) return refuse(why, "bad broker \"" + v + "\" (give HOST[:PORT])");
-    } else if (a == "--base-topic") o.baseTopic = v;
-    else if (a == "--discovery-prefix") o.discoveryPrefix = v;
-    else if (a == "--store") o.storeDir = v;
-    else if (a == "--username") o.mqtt.username = v;
-    else if (a == "--password-file") o.passwordFile = v;
-    else if (a == "--tls-ca") o.mqtt.tlsCa = v;
-    else if (a == "--client-id") o.mqtt.clientId = v;
+    } else if (a == "--base-topic")
+        o.baseTopic = v;
+    else if (a == "--discovery-prefix")
+        o.discoveryPrefix = v;
+    else if (a == "--store")
+        o.storeDir = v;
+    else if (a == "--username")
+        o.mqtt.username = v;
+    else if (a == "--password-file")
+        o.passwordFile = v;
+    else if (a == "--tls-ca")
+        o.mqtt.tlsCa = v;
+    else if (a == "--client-id")
+        o.mqtt.clientId = v;
     else if (a == "--poll-ms") {
         if (!device::parseNumber(v, 3600000, n) || n < 100) return refuse(why, "bad --poll-ms \"" + v + "\"");
         o.pollMs = static_cast<int>(n);
-    } else return refuse(why, "unknown option " + a);
+    } else
+        return refuse(why, "unknown option " + a);
     return true;
 }
 
@@ -80,8 +89,9 @@ bool parseBridgeOptions(const std::vector<std::string>& args, BridgeOptions& o, 
         ++i;
     }
     if (!goodPrefix(o.baseTopic) || !goodPrefix(o.discoveryPrefix) || o.baseTopic == o.discoveryPrefix)
-        return refuse(why, "the base topic and the discovery prefix must differ, be non-empty, and hold no + # or "
-                           "leading or trailing /");
+        return refuse(why,
+                      "the base topic and the discovery prefix must differ, be non-empty, and hold no + # or "
+                      "leading or trailing /");
     if (!o.passwordFile.empty() && !readPassword(o.passwordFile, o.mqtt.password))
         return refuse(why, "cannot read the password file " + o.passwordFile);
     if (o.mqtt.clientId.empty())

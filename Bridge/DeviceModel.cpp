@@ -45,13 +45,19 @@ json describeDevice(const BridgeDevice& dev) {
             for (const VeltoMessageInfo& m : o.doc->messages) {
                 json fields = json::array();
                 for (const MessageFieldInfo& f : m.fields) fields.push_back({{"name", f.name}, {"type", f.type}});
-                messages.push_back({{"id", m.id}, {"name", m.name}, {"kind", kindName(m.type)},
-                                    {"direction", directionName(m.direction)}, {"fields", fields}});
+                messages.push_back({{"id", m.id},
+                                    {"name", m.name},
+                                    {"kind", kindName(m.type)},
+                                    {"direction", directionName(m.direction)},
+                                    {"fields", fields}});
             }
-        objects.push_back({{"number", o.number}, {"name", o.name}, {"interface", o.interface},
-                           {"interface_id", o.interfaceId}, {"messages", messages}});
+        objects.push_back({{"number", o.number},
+                           {"name", o.name},
+                           {"interface", o.interface},
+                           {"interface_id", o.interfaceId},
+                           {"messages", messages}});
     }
-    return {{"id", dev.id},          {"duid", dev.duid},   {"name", dev.name},      {"state", dev.state},
+    return {{"id", dev.id},         {"duid", dev.duid},           {"name", dev.name},  {"state", dev.state},
             {"online", dev.online}, {"specification", dev.specs}, {"objects", objects}};
 }
 

@@ -59,8 +59,11 @@ void addComponentFields(json& c, const std::string& component, const BridgeDevic
         c["command_template"] = "{" + key + ": {{ value | int }}}";
         FieldType t = fieldTypeOf(f.type);
         c["min"] = t == FieldType::I8 ? -128 : t == FieldType::I16 ? -32768 : t >= FieldType::I32 ? -2147483648LL : 0;
-        c["max"] = t == FieldType::U8 ? 255 : t == FieldType::I8 ? 127 : t == FieldType::U16 ? 65535
-                 : t == FieldType::I16 ? 32767 : 2147483647LL;
+        c["max"] = t == FieldType::U8    ? 255
+                   : t == FieldType::I8  ? 127
+                   : t == FieldType::U16 ? 65535
+                   : t == FieldType::I16 ? 32767
+                                         : 2147483647LL;
         c["step"] = 1;
     } else if (component == "text") {
         c["command_template"] = "{" + key + ": {{ value | tojson }}}";
@@ -92,8 +95,8 @@ std::vector<DiscoveryConfig> discoveryConfigs(const BridgeDevice& dev, const Top
                       {"unique_id", "velto_" + discoveryId(dev.duid) + "_" + std::to_string(obj.number) + "_" +
                                         std::to_string(static_cast<uint16_t>(msg.id))},
                       {"device", deviceBlock(dev)},
-                      {"availability", json::array({{{"topic", topics.bridge("state")}},
-                                                    {{"topic", topics.availability(dev.duid)}}})},
+                      {"availability",
+                       json::array({{{"topic", topics.bridge("state")}}, {{"topic", topics.availability(dev.duid)}}})},
                       {"availability_mode", "all"},
                       {"origin", {{"name", "velto-mqtt"}}}};
             addComponentFields(c, component, dev, obj, msg, topics);

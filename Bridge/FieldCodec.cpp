@@ -17,9 +17,9 @@ struct TypeName {
     FieldType type;
 };
 const TypeName TYPE_NAMES[] = {
-    {"uint8", FieldType::U8},   {"uint16", FieldType::U16}, {"uint32", FieldType::U32}, {"uint64", FieldType::U64},
-    {"int8", FieldType::I8},    {"int16", FieldType::I16},  {"int32", FieldType::I32},  {"int64", FieldType::I64},
-    {"bool", FieldType::BOOL},  {"string", FieldType::STRING}, {"bytes", FieldType::BYTES},
+    {"uint8", FieldType::U8},  {"uint16", FieldType::U16},    {"uint32", FieldType::U32},  {"uint64", FieldType::U64},
+    {"int8", FieldType::I8},   {"int16", FieldType::I16},     {"int32", FieldType::I32},   {"int64", FieldType::I64},
+    {"bool", FieldType::BOOL}, {"string", FieldType::STRING}, {"bytes", FieldType::BYTES},
 };
 
 template <typename T>
@@ -68,11 +68,12 @@ bool readField(FieldType t, const uint8_t*& cur, size_t& left, json& out) {
 template <typename T>
 bool putInt(const json& v, std::vector<uint8_t>& out) {
     bool fits = false;
-    if (v.is_number_unsigned()) fits = v.get<uint64_t>() <= static_cast<uint64_t>(std::numeric_limits<T>::max());
+    if (v.is_number_unsigned())
+        fits = v.get<uint64_t>() <= static_cast<uint64_t>(std::numeric_limits<T>::max());
     else if (v.is_number_integer())
         fits = v.get<int64_t>() >= static_cast<int64_t>(std::numeric_limits<T>::min()) &&
-               (v.get<int64_t>() < 0 || static_cast<uint64_t>(v.get<int64_t>()) <=
-                                            static_cast<uint64_t>(std::numeric_limits<T>::max()));
+               (v.get<int64_t>() < 0 ||
+                static_cast<uint64_t>(v.get<int64_t>()) <= static_cast<uint64_t>(std::numeric_limits<T>::max()));
     if (!fits) return false;
     uint8_t buf[8];
     uint8_t* cur = buf;

@@ -118,8 +118,10 @@ void HubMirror::setOnline(BridgeDevice& dev, bool online) {
     // A device that comes back has a fresh session at the hub: its objects are
     // read and its notifications subscribed again before it is said online
     // (takeObjects), so what it sends after that reaches its topics.
-    if (online) toAsk.push_back(dev.id);
-    else listener.availabilityChanged(dev);
+    if (online)
+        toAsk.push_back(dev.id);
+    else
+        listener.availabilityChanged(dev);
 }
 
 void HubMirror::takeObjects(const std::vector<uint8_t>& body) {
@@ -151,7 +153,8 @@ void HubMirror::subscribeAll(const BridgeDevice& dev) {
     for (const BridgeObject& o : dev.objects)
         if (o.doc)
             for (const VeltoMessageInfo& m : o.doc->messages)
-                if (m.type == NOTIFICATION_MSGCAT) session.subscribe(dev.id, o.number, static_cast<uint16_t>(m.id), true);
+                if (m.type == NOTIFICATION_MSGCAT)
+                    session.subscribe(dev.id, o.number, static_cast<uint16_t>(m.id), true);
 }
 
 void HubMirror::documentsArrived() {

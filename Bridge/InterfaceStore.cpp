@@ -33,8 +33,10 @@ std::shared_ptr<const InterfaceInformations> InterfaceStore::find(const std::str
         return nullptr;
     }
     std::shared_ptr<const InterfaceInformations> doc = load(intfId, path);
-    if (doc) cache[intfId] = doc;
-    else failed.insert(intfId);
+    if (doc)
+        cache[intfId] = doc;
+    else
+        failed.insert(intfId);
     return doc;
 }
 

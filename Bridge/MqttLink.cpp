@@ -29,7 +29,8 @@ bool MqttLink::init(const MqttSettings& settings, std::string& why) {
     int rc = mosquitto_will_set(mosq, cfg.willTopic.c_str(), static_cast<int>(cfg.willPayload.size()),
                                 cfg.willPayload.data(), 1, true);
     if (rc == MOSQ_ERR_SUCCESS && !cfg.username.empty())
-        rc = mosquitto_username_pw_set(mosq, cfg.username.c_str(), cfg.password.empty() ? nullptr : cfg.password.c_str());
+        rc = mosquitto_username_pw_set(mosq, cfg.username.c_str(),
+                                       cfg.password.empty() ? nullptr : cfg.password.c_str());
     if (rc == MOSQ_ERR_SUCCESS && !cfg.tlsCa.empty())
         rc = mosquitto_tls_set(mosq, cfg.tlsCa.c_str(), nullptr, nullptr, nullptr, nullptr);
     if (rc != MOSQ_ERR_SUCCESS) return why = std::string("MQTT settings refused: ") + mosquitto_strerror(rc), false;

@@ -32,7 +32,8 @@ void Publisher::deviceDescribed(const BridgeDevice& dev) {
 }
 
 void Publisher::publishConfigs(const BridgeDevice& dev) {
-    for (const DiscoveryConfig& c : discoveryConfigs(dev, topics)) publishRetained(dev.duid, c.topic, dumpJson(c.payload));
+    for (const DiscoveryConfig& c : discoveryConfigs(dev, topics))
+        publishRetained(dev.duid, c.topic, dumpJson(c.payload));
 }
 
 void Publisher::notification(const BridgeDevice& dev, const BridgeObject& obj, const VeltoMessageInfo& msg,
@@ -88,10 +89,14 @@ void Publisher::handleSet(const std::string& topic, const std::string& payload) 
     json in = json::parse(payload, nullptr, false);
     std::vector<uint8_t> body;
     std::string why;
-    if (dev == nullptr || !dev->online) why = "no such device online";
-    else if (msg == nullptr) why = "no such direct message";
-    else if (in.is_discarded()) why = "the payload is not JSON";
-    else encodeBody(msg->fields, in, body, why);
+    if (dev == nullptr || !dev->online)
+        why = "no such device online";
+    else if (msg == nullptr)
+        why = "no such direct message";
+    else if (in.is_discarded())
+        why = "the payload is not JSON";
+    else
+        encodeBody(msg->fields, in, body, why);
     if (why.empty()) {
         int64_t no = mirror->sendDirect(*dev, obj->number, static_cast<uint16_t>(msg->id), body);
         if (no >= 0) {
@@ -118,8 +123,11 @@ void Publisher::delivery(const device::DeliveryResult& r) {
 }
 
 void Publisher::refused(const device::MessageError& err) {
-    json e = {{"type", err.category == DIRECT_MSGCAT ? "set" : "subscription"}, {"outcome", "refused"},
-              {"error", device::errorCodeName(err.errorCode)}, {"code", err.errorCode}, {"text", err.text}};
+    json e = {{"type", err.category == DIRECT_MSGCAT ? "set" : "subscription"},
+              {"outcome", "refused"},
+              {"error", device::errorCodeName(err.errorCode)},
+              {"code", err.errorCode},
+              {"text", err.text}};
     DeviceID node = err.category == DIRECT_MSGCAT ? err.toNodeId : err.fromNodeId;
     uint8_t objectNo = err.category == DIRECT_MSGCAT ? err.toObjectNo : err.fromObjectNo;
     const BridgeDevice* dev = mirror ? mirror->device(node) : nullptr;

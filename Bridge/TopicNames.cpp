@@ -9,8 +9,8 @@ std::string keepOnly(const std::string& name, bool keepDot) {
     if (name.empty()) return "_";
     std::string out = name;
     for (char& c : out) {
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-                  c == '_' || (keepDot && c == '.');
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+                  (keepDot && c == '.');
         if (!ok) c = '_';
     }
     return out;

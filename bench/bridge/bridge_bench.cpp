@@ -59,7 +59,9 @@ struct Listener {
 
 void pauseMs(int ms) { usleep(static_cast<useconds_t>(ms) * 1000); }
 
-void result(const std::string& name, const std::string& value) { std::printf("RESULT %s %s\n", name.c_str(), value.c_str()); }
+void result(const std::string& name, const std::string& value) {
+    std::printf("RESULT %s %s\n", name.c_str(), value.c_str());
+}
 
 void latencyResult(const std::string& name, std::vector<uint64_t> ns) {
     char buf[128];
@@ -103,7 +105,8 @@ double sustainedRate(device::DeviceSession& lamp, Listener& sub, int ms) {
     uint64_t start = nowNs(), end = start + msToNs(static_cast<uint64_t>(ms)), before = sub.received;
     uint8_t i = 0;
     while (nowNs() < end) {
-        while (lamp.notify(0, 1, {0, i++}) >= 0) {}
+        while (lamp.notify(0, 1, {0, i++}) >= 0) {
+        }
         lamp.poll(0);
         sub.pump(0);
     }
@@ -148,8 +151,9 @@ int main(int argc, char** argv) {
     c.hub = SockAddress("127.0.0.1", device::HUB_PORT);
     c.objects = {device::DeviceObject{"light", "switchable", 0, 0}};
     device::DeviceSession lamp(c);
-    std::vector<std::string> bridgeArgs = {bridgeBin, "--hub", "127.0.0.1", "--broker", "127.0.0.1:" + std::to_string(port),
-                                           "--poll-ms", "1000", "--store", "DB"};
+    std::vector<std::string> bridgeArgs = {
+        bridgeBin,   "--hub", "127.0.0.1", "--broker", "127.0.0.1:" + std::to_string(port),
+        "--poll-ms", "1000",  "--store",   "DB"};
     int bridge = startChild({bridgeArgs, dir, dir + "/bridge.out", dir + "/bridge.err"});
     Listener online, state;
     online.matchText = "online";

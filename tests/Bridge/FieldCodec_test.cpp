@@ -32,11 +32,18 @@ TEST(FieldCodec, EveryTypeRoundTripsWithItsExactBytes) {
         const char* value;
         const char* hex;
     } cases[] = {
-        {"uint8", "255", "ff"},        {"uint16", "258", "0102"},      {"uint32", "16909060", "01020304"},
-        {"uint64", "18446744073709551615", "ffffffffffffffff"},        {"int8", "-1", "ff"},
-        {"int16", "-2", "fffe"},       {"int32", "-16909060", "fefdfcfc"},
-        {"int64", "-9223372036854775808", "8000000000000000"},         {"bool", "true", "01"},
-        {"bool", "false", "00"},       {"string", "\"hi\"", "686900"}, {"bytes", "\"beef\"", "02beef"},
+        {"uint8", "255", "ff"},
+        {"uint16", "258", "0102"},
+        {"uint32", "16909060", "01020304"},
+        {"uint64", "18446744073709551615", "ffffffffffffffff"},
+        {"int8", "-1", "ff"},
+        {"int16", "-2", "fffe"},
+        {"int32", "-16909060", "fefdfcfc"},
+        {"int64", "-9223372036854775808", "8000000000000000"},
+        {"bool", "true", "01"},
+        {"bool", "false", "00"},
+        {"string", "\"hi\"", "686900"},
+        {"bytes", "\"beef\"", "02beef"},
     };
     for (const Case& c : cases) {
         std::string why;
@@ -54,10 +61,14 @@ TEST(FieldCodec, BadValuesAreRefusedWithAReason) {
         const char* in;
         const char* why;
     } cases[] = {
-        {{"uint8"}, "{\"f0\": 256}", "field f0 is not a uint8"},   {{"int8"}, "{\"f0\": -129}", "field f0 is not a int8"},
-        {{"uint16"}, "{\"f0\": -1}", "field f0 is not a uint16"},  {{"bool"}, "{\"f0\": 1}", "field f0 is not a bool"},
-        {{"string"}, "{\"f0\": 5}", "field f0 is not a string"},   {{"bytes"}, "{\"f0\": \"abc\"}", "field f0 is not a bytes"},
-        {{"uint8", "bool"}, "{\"f0\": 1}", "missing field f1"},    {{"uint8"}, "[1]", "the payload is not a JSON object"},
+        {{"uint8"}, "{\"f0\": 256}", "field f0 is not a uint8"},
+        {{"int8"}, "{\"f0\": -129}", "field f0 is not a int8"},
+        {{"uint16"}, "{\"f0\": -1}", "field f0 is not a uint16"},
+        {{"bool"}, "{\"f0\": 1}", "field f0 is not a bool"},
+        {{"string"}, "{\"f0\": 5}", "field f0 is not a string"},
+        {{"bytes"}, "{\"f0\": \"abc\"}", "field f0 is not a bytes"},
+        {{"uint8", "bool"}, "{\"f0\": 1}", "missing field f1"},
+        {{"uint8"}, "[1]", "the payload is not a JSON object"},
         {{"float"}, "{\"f0\": 1}", "this message takes {\"raw\": \"<hex>\"}"},
     };
     for (const Case& c : cases) {
@@ -98,9 +109,15 @@ TEST(Discovery, EachKindOfMessageBecomesItsEntity) {
         std::initializer_list<const char*> types;
         const char* component;
     } cases[] = {
-        {1, 2, {"uint8", "bool"}, "sensor"}, {1, 0, {"float"}, "sensor"}, {2, 1, {}, "button"},
-        {2, 1, {"int16"}, "number"},         {2, 1, {"bool"}, "switch"},  {2, 1, {"string"}, "text"},
-        {2, 1, {"bytes"}, ""},               {2, 1, {"bool", "bool"}, ""}, {2, 2, {"bool"}, ""},
+        {1, 2, {"uint8", "bool"}, "sensor"},
+        {1, 0, {"float"}, "sensor"},
+        {2, 1, {}, "button"},
+        {2, 1, {"int16"}, "number"},
+        {2, 1, {"bool"}, "switch"},
+        {2, 1, {"string"}, "text"},
+        {2, 1, {"bytes"}, ""},
+        {2, 1, {"bool", "bool"}, ""},
+        {2, 2, {"bool"}, ""},
         {2, 1, {"float"}, ""},
     };
     for (const Case& c : cases) {

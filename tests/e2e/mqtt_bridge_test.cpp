@@ -43,8 +43,8 @@ protected:
     // Starts the bridge and waits until it has published the lamp; then a
     // fresh subscriber on filter, which sees what is retained with flag 1.
     ChildProcess& startBridge(const std::string& filter, const std::string& store = "DB") {
-        EXPECT_TRUE(bridge.start({VELTO_MQTT_BIN, "--hub", "127.0.0.1", "--broker", "127.0.0.1:" + PORT,
-                                  "--poll-ms", "300", "--store", store},
+        EXPECT_TRUE(bridge.start({VELTO_MQTT_BIN, "--hub", "127.0.0.1", "--broker", "127.0.0.1:" + PORT, "--poll-ms",
+                                  "300", "--store", store},
                                  work.path(), "bridge"));
         ChildProcess& live = subscribe("velto/bridge/devices");
         EXPECT_TRUE(saw(live, "\"online\":true")) << bridge.err();
@@ -60,8 +60,8 @@ protected:
     ChildProcess& subscribe(const std::string& filter) {
         subs.emplace_back(new ChildProcess);
         std::string name = "sub" + std::to_string(subs.size());
-        EXPECT_TRUE(subs.back()->start({"/usr/bin/stdbuf", "-oL", "/usr/bin/mosquitto_sub", "-p", PORT, "-t", filter, "-v", "-W", "60", "-F",
-                                        "%r %t %p"},
+        EXPECT_TRUE(subs.back()->start({"/usr/bin/stdbuf", "-oL", "/usr/bin/mosquitto_sub", "-p", PORT, "-t", filter,
+                                        "-v", "-W", "60", "-F", "%r %t %p"},
                                        work.path(), name));
         sleepMs(200);  // subscribed before anything is published
         return *subs.back();
@@ -119,8 +119,10 @@ TEST_F(MqttBridge, DiscoveryNotificationsAndSets) {
     ASSERT_TRUE(saw(all, "1 velto/lamp-01/availability online")) << bridge.err();
     ASSERT_TRUE(saw(all, "\"unique_id\":\"velto_lamp-01_0_2\"")) << all.out();
     for (const char* text :
-         {"1 homeassistant/switch/velto_lamp-01/light_power/config ", "1 homeassistant/sensor/velto_lamp-01/light_state/config ",
-          "1 homeassistant/number/velto_lamp-01/light_level/config ", "1 homeassistant/text/velto_lamp-01/light_label/config ",
+         {"1 homeassistant/switch/velto_lamp-01/light_power/config ",
+          "1 homeassistant/sensor/velto_lamp-01/light_state/config ",
+          "1 homeassistant/number/velto_lamp-01/light_level/config ",
+          "1 homeassistant/text/velto_lamp-01/light_label/config ",
           "1 homeassistant/button/velto_lamp-01/light_blink/config ", "\"availability_mode\":\"all\"",
           "\"state_topic\":\"velto/lamp-01/light/state\"", "{\"topic\":\"velto/lamp-01/availability\"}",
           "\"identifiers\":[\"velto_lamp-01\"]", "\"model\":\"la\"", "\"via_device\":\"velto_bridge\""})
@@ -135,8 +137,10 @@ TEST_F(MqttBridge, DiscoveryNotificationsAndSets) {
         const char* payload;
         const char* bytesOrError;
     } cases[] = {
-        {"power", "{\"on\": true}", "01"},          {"level", "{\"level\": 7}", "07"},
-        {"label", "{\"text\": \"hi\"}", "686900"},  {"blink", "{}", "00"},
+        {"power", "{\"on\": true}", "01"},
+        {"level", "{\"level\": 7}", "07"},
+        {"label", "{\"text\": \"hi\"}", "686900"},
+        {"blink", "{}", "00"},
         {"level", "{\"level\": 300}", "field level is not a uint8"},
         {"power", "nonsense", "the payload is not JSON"},
         {"dim", "{}", "no such direct message"},
@@ -163,8 +167,7 @@ TEST_F(MqttBridge, DiscoveryNotificationsAndSets) {
     // A removed device leaves no retained topic behind.
     ChildProcess& answer = subscribe("velto/bridge/response/#");
     publish("velto/bridge/request/remove", "{\"device\": \"lamp-01\", \"transaction\": 7}");
-    EXPECT_TRUE(saw(answer, "{\"data\":{\"device\":\"lamp-01\"},\"status\":\"ok\",\"transaction\":7}"))
-        << answer.out();
+    EXPECT_TRUE(saw(answer, "{\"data\":{\"device\":\"lamp-01\"},\"status\":\"ok\",\"transaction\":7}")) << answer.out();
     ChildProcess& left = subscribe("velto/lamp-01/#");
     pumpFor(500);
     EXPECT_EQ("", left.out());
@@ -210,8 +213,9 @@ TEST_F(MqttBridge, AMissingDocumentIsDownloadedIntoTheBridgesStore) {
     const std::string intf = readFile(std::string(VELTO_EXAMPLES_DIR) + "/switchable.intf.xml");
     web.setBody("/intf/Switchable.1", intf);
     ASSERT_TRUE(writeFile(work.file("DB/specs.idx"), "la\t000000001\nsb\t000000002\n"));
-    ASSERT_TRUE(writeFile(work.file("DB/000000002.spec"), "<Velto-spec><interfaces><interface name=\"switchable\" intf=\"" +
-                                                              intfId + "\"/></interfaces></Velto-spec>\n"));
+    ASSERT_TRUE(
+        writeFile(work.file("DB/000000002.spec"), "<Velto-spec><interfaces><interface name=\"switchable\" intf=\"" +
+                                                      intfId + "\"/></interfaces></Velto-spec>\n"));
     ASSERT_EQ(0, mkdir(work.file("bstore").c_str(), 0755));
     lamp("sb");
     ASSERT_TRUE(joinAll()) << hub.err();
