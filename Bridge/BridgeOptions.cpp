@@ -94,6 +94,8 @@ bool parseBridgeOptions(const std::vector<std::string>& args, BridgeOptions& o, 
                       "leading or trailing /");
     if (!o.passwordFile.empty() && !readPassword(o.passwordFile, o.mqtt.password))
         return refuse(why, "cannot read the password file " + o.passwordFile);
+    if (!o.mqtt.tlsCa.empty() && !std::ifstream(o.mqtt.tlsCa))
+        return refuse(why, "cannot read the TLS CA file " + o.mqtt.tlsCa);
     if (o.mqtt.clientId.empty())
         o.mqtt.clientId = "velto-mqtt-" + std::to_string(getpid()) + "-" + std::to_string(currentTime() % 100000);
     o.mqtt.willTopic = o.baseTopic + "/bridge/state";
