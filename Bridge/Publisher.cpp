@@ -105,7 +105,7 @@ void Publisher::handleSet(const std::string& topic, const std::string& payload) 
             pendingSets[static_cast<MessageNo>(no)] = e;
             return;
         }
-        why = "the bridge's queue to the hub is full";
+        why = "the hub cannot take it now (session not ready or queue full)";
     }
     e["outcome"] = "not sent";
     e["error"] = why;
