@@ -1,7 +1,12 @@
 // libmosquitto in an external poll loop.
 #include "Bridge/MqttLink.h"
 
+#include <arpa/inet.h>
 #include <mosquitto.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,9 +18,11 @@ namespace bridge {
 
 namespace {
 constexpr int MAX_BACKOFF_MS = 30000;
+constexpr Timestamp PROBE_MS = 3000;
 }
 
 MqttLink::~MqttLink() {
+    if (probeFd >= 0) ::close(probeFd);
     if (mosq != nullptr) mosquitto_destroy(mosq);
 }
 
@@ -51,7 +58,8 @@ void MqttLink::handleIo(bool readable, bool writable) {
 
 void MqttLink::service(Timestamp now) {
     if (!socketOpen) {
-        if (now >= nextAttempt) tryConnect(now);
+        if (probeFd >= 0) checkProbe(now);
+        else if (now >= nextAttempt) startProbe(now);
         return;
     }
     if (now >= lastMisc + 1000) {
@@ -61,8 +69,46 @@ void MqttLink::service(Timestamp now) {
 }
 
 int MqttLink::msUntilDue(Timestamp now) const {
+    if (probeFd >= 0) return 10;
     Timestamp due = socketOpen ? lastMisc + 1000 : nextAttempt;
     return due <= now ? 0 : static_cast<int>(std::min<Timestamp>(due - now, 1000));
+}
+
+// mosquitto_connect blocks until TCP connects, which a silent host can make
+// last minutes. A numeric address is first probed with a non-blocking connect
+// (PROBE_MS at most, across loop passes); the library connects only to a
+// broker that answered. A host name is left to the library.
+void MqttLink::startProbe(Timestamp now) {
+    struct sockaddr_in addr {};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(cfg.port));
+    if (inet_pton(AF_INET, cfg.host.c_str(), &addr.sin_addr) != 1) return tryConnect(now);
+    probeFd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (probeFd < 0) return tryConnect(now);
+    probeUntil = now + PROBE_MS;
+    if (::connect(probeFd, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr)) == 0 || errno == EINPROGRESS)
+        return checkProbe(now);
+    endProbe(now, std::strerror(errno));
+}
+
+void MqttLink::checkProbe(Timestamp now) {
+    struct pollfd p = {probeFd, POLLOUT, 0};
+    if (::poll(&p, 1, 0) == 0) {
+        if (now >= probeUntil) endProbe(now, "no answer within " + std::to_string(PROBE_MS) + " ms");
+        return;
+    }
+    int err = 0;
+    socklen_t len = sizeof(err);
+    ::getsockopt(probeFd, SOL_SOCKET, SO_ERROR, &err, &len);
+    endProbe(now, err == 0 ? "" : std::strerror(err));
+}
+
+void MqttLink::endProbe(Timestamp now, const std::string& error) {
+    ::close(probeFd);
+    probeFd = -1;
+    if (error.empty()) return tryConnect(now);
+    report("cannot connect to the broker at " + cfg.host + ":" + std::to_string(cfg.port) + ": " + error);
+    lost(now);
 }
 
 void MqttLink::tryConnect(Timestamp now) {

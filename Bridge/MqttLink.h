@@ -1,6 +1,7 @@
 // The bridge's connection to an MQTT broker: libmosquitto driven from the
 // caller's poll() loop, with its last will, credentials, TLS, and reconnects
-// with back-off and jitter (1 s doubling to 30 s).
+// with back-off and jitter (1 s doubling to 30 s). The loop never waits for a
+// silent broker host: a numeric address is probed without blocking first.
 //
 // Single-threaded: every callback runs inside handleIo() or service(). While
 // disconnected, publish() and subscribe() return false and queue nothing: the
@@ -66,6 +67,9 @@ private:
     static void connectCallback(struct mosquitto*, void* self, int rc);
     static void disconnectCallback(struct mosquitto*, void* self, int rc);
     static void messageCallback(struct mosquitto*, void* self, const struct mosquitto_message* msg);
+    void startProbe(Timestamp now);
+    void checkProbe(Timestamp now);
+    void endProbe(Timestamp now, const std::string& error);
     void tryConnect(Timestamp now);
     void lost(Timestamp now);
     void report(const std::string& reason);
@@ -74,6 +78,8 @@ private:
     MqttSettings cfg;
     bool isConnected = false;
     bool socketOpen = false;
+    int probeFd = -1;  // a non-blocking connect testing that the broker answers
+    Timestamp probeUntil = 0;
     Timestamp nextAttempt = 0;
     Timestamp lastMisc = 0;
     int backoffMs = 1000;
