@@ -19,7 +19,7 @@ namespace bridge {
 namespace {
 constexpr int MAX_BACKOFF_MS = 30000;
 constexpr Timestamp PROBE_MS = 3000;
-}
+}  // namespace
 
 MqttLink::~MqttLink() {
     if (probeFd >= 0) ::close(probeFd);
@@ -58,8 +58,10 @@ void MqttLink::handleIo(bool readable, bool writable) {
 
 void MqttLink::service(Timestamp now) {
     if (!socketOpen) {
-        if (probeFd >= 0) checkProbe(now);
-        else if (now >= nextAttempt) startProbe(now);
+        if (probeFd >= 0)
+            checkProbe(now);
+        else if (now >= nextAttempt)
+            startProbe(now);
         return;
     }
     if (now >= lastMisc + 1000) {
