@@ -398,7 +398,7 @@ void DeviceSession::sendAck(const InboxOutcome& o) {
 
 void DeviceSession::deliverIncoming(IncomingMessage& m) {
     const MsgSelector& s = m.selector;
-    if (listWanted && s.msgCat == DIRECT_MSGCAT && s.fromDeviceId == 1 && s.msgId == BasicDeviceListMsg::MSG_ID) {
+    if (listWanted && s.msgCat == DIRECT_MSGCAT && s.fromDeviceId == 1 && s.msgId == wantedReplyId) {
         listReply = std::move(m.data);
         listArrived = true;
         listWanted = false;
@@ -696,17 +696,36 @@ bool DeviceSession::flush(int timeoutMs) {
 }
 
 bool DeviceSession::requestDeviceList(BasicDeviceListMsg& out, int timeoutMs) {
-    if (st != State::READY) return fail("not connected to a hub");
     RequestBasicDeviceListMsg req;
+    BasicDeviceListMsg list;
+    if (!askHub(req, list, "device list", timeoutMs)) return false;
+    out = std::move(list);
+    return true;
+}
+
+bool DeviceSession::requestObjectInfo(DeviceID node, BasicObjectInfoMsg& out, int timeoutMs) {
+    RequestBasicObjectInfoMsg req;
+    req.nodeId = node;
+    BasicObjectInfoMsg info;
+    if (!askHub(req, info, "object information", timeoutMs)) return false;
+    out = std::move(info);
+    return true;
+}
+
+template <typename Req, typename Reply>
+bool DeviceSession::askHub(const Req& req, Reply& reply, const std::string& what, int timeoutMs) {
+    // While the session is lost a request would only wait in the queue.
+    if (st != State::READY) return fail("not connected to a hub");
     std::vector<uint8_t> body(req.estimateRequiredSize());
     uint8_t* cursor = body.data();
     size_t left = body.size();
-    if (!req.addToBuffer(cursor, left)) return fail("could not encode the device list request");
+    if (!req.addToBuffer(cursor, left)) return fail("could not encode the " + what + " request");
     body.resize(body.size() - left);
     Timestamp deadline = deadlineAfter(timeoutMs);
     listWanted = true;
     listArrived = false;
-    int64_t no = sendDirect(1, 1, RequestBasicDeviceListMsg::MSG_ID, body, 0);
+    wantedReplyId = Reply::MSG_ID;
+    int64_t no = sendDirect(1, 1, Req::MSG_ID, body, 0);
     if (no < 0) {
         listWanted = false;
         return false;
@@ -716,23 +735,21 @@ bool DeviceSession::requestDeviceList(BasicDeviceListMsg& out, int timeoutMs) {
         auto it = finished.find(static_cast<MessageNo>(no));
         if (it != finished.end() && !it->second) {
             listWanted = false;
-            return fail("the device list request was not delivered to the hub");
+            return fail("the " + what + " request was not delivered to the hub");
         }
         int leftMs = remainingMs(deadline);
         if (leftMs == 0) {
             listWanted = false;
-            return fail("no device list from the hub within " + std::to_string(timeoutMs) + " ms");
+            return fail("no " + what + " from the hub within " + std::to_string(timeoutMs) + " ms");
         }
         if (poll(std::min(leftMs, HELPER_SLICE_MS)) < 0) {
             listWanted = false;
             return false;
         }
     }
-    BasicDeviceListMsg list;
     const uint8_t* rc = listReply.data();
     size_t rl = listReply.size();
-    if (!list.getFromBuffer(rc, rl)) return fail("the hub's device list does not decode");
-    out = std::move(list);
+    if (!reply.getFromBuffer(rc, rl)) return fail("the hub's " + what + " does not decode");
     return true;
 }
 

@@ -124,6 +124,10 @@ public:
     // Returns true with out filled; false when not READY, on time-out, or when
     // the reply does not decode.
     bool requestDeviceList(BasicDeviceListMsg& out, int timeoutMs);
+    // Asks node 1, object 1 for the objects of `node` and waits for the reply.
+    // Returns true with out filled (no objects for an unknown node); false as
+    // for requestDeviceList.
+    bool requestObjectInfo(DeviceID node, BasicObjectInfoMsg& out, int timeoutMs);
 
     State state() const { return st; }
     DeviceID nodeId() const { return myId; }
@@ -183,6 +187,10 @@ private:
     bool underWay() const { return st == State::READY || (everReady && st != State::IDLE); }
     int64_t queueMessage(MsgSelector ms, const std::vector<uint8_t>& data);
     std::string joinFailure(int timeoutMs) const;
+    // Sends req to node 1, object 1 and polls until the reply Reply::MSG_ID
+    // arrives and decodes into reply; false with lastError() otherwise.
+    template <typename Req, typename Reply>
+    bool askHub(const Req& req, Reply& reply, const std::string& what, int timeoutMs);
 
     DeviceConfig cfg;
     SessionTiming timing;
@@ -228,8 +236,9 @@ private:
     MessageInbox inbox;
     std::map<MessageNo, bool> finished;  // recent delivery outcomes
 
-    MessageNo internalMsgNo = 0;  // the last device list request (not reported)
+    MessageNo internalMsgNo = 0;  // the last request to the hub (not reported)
     bool listWanted = false;
+    MessageID wantedReplyId = BasicDeviceListMsg::MSG_ID;
     bool listArrived = false;
     std::vector<uint8_t> listReply;
 

@@ -4,6 +4,8 @@
 VELTO_PACKAGES="cmake make g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libexpat1-dev libcurl4-openssl-dev iproute2 util-linux"
 # strace: the test of the synced join record traces the hub's system calls.
 VELTO_PACKAGES="$VELTO_PACKAGES strace"
+# The MQTT bridge (client library, JSON) and its tests (broker, command-line clients).
+VELTO_PACKAGES="$VELTO_PACKAGES libmosquitto-dev mosquitto mosquitto-clients nlohmann-json3-dev"
 
 missing_packages() {
     local pkg missing=""

@@ -5,6 +5,7 @@
 
 #include "Hub/DeviceManager.h"
 #include "Hub/server.h"
+#include "Velto/Parsing/SpecFileParser.h"
 
 namespace {
 
@@ -27,6 +28,39 @@ BasicDeviceInfo describeClient(uint16_t id, const ClientDBRec& rec, const NodeSt
     info.hubId = serverNodeId;
     info.domain = myDomain;
     return info;
+}
+
+// The interfaces a stored specification exports (name -> identifier). Looked
+// up and parsed only: nothing is downloaded here, the hub's loop must not wait.
+std::map<std::string, std::string> storedExports(const std::string& specId) {
+    std::string path = specDb.findSpecFile(specId);
+    if (path.empty()) return {};
+    SpecFileParser parser("en", "en");
+    if (!parser.parse(path, false)) return {};
+    return parser.data().expInterfaces;
+}
+
+// The objects of one device proxy (none for an unknown node or a virtual client).
+BasicObjectInfoMsg describeObjects(DeviceID nodeId) {
+    BasicObjectInfoMsg msg;
+    msg.nodeId = nodeId;
+    ClientProxy* proxy = clientMgr.getClient(nodeId);
+    if (proxy == nullptr) return msg;
+    std::map<std::string, std::string> exports = storedExports(proxy->record().specs);
+    for (size_t n = 0; n < proxy->noOfObjects(); ++n) {
+        const ObjectInfo* obj = proxy->object(static_cast<uint8_t>(n));
+        if (obj == nullptr) continue;
+        BasicObjectInfo info;
+        info.objectNo = obj->objectNo;
+        info.groupNo = obj->groupNo;
+        info.ifaceType = obj->ifaceType;
+        info.name = obj->givenName.size() != 0 ? obj->givenName.str() : obj->hardName.str();
+        info.interface = obj->interface;
+        auto it = exports.find(obj->interface.str());
+        if (it != exports.end()) info.interfaceId = it->second;
+        msg.objects.push_back(info);
+    }
+    return msg;
 }
 
 }  // namespace
@@ -78,28 +112,51 @@ void DeviceManagementServices::getDevList(uint16_t fromDeviceId, uint8_t fromObj
     ClientProxy* requester = clientMgr.getClient(fromDeviceId);
     if (requester == nullptr) return;
 
+    queueReply(list, REPLY_BASIC_DEVICE_LIST_MSG_ID, fromDeviceId, fromObjectNo, toDeviceId, toObjectNo,
+               *requester);
+}
+
+void DeviceManagementServices::getObjList(uint16_t fromDeviceId, uint8_t fromObjectNo, uint16_t msgId,
+                                          uint16_t toDeviceId, uint8_t toObjectNo,
+                                          std::shared_ptr<unsigned char>& data, unsigned int size) {
+    RequestBasicObjectInfoMsg req;
+    const uint8_t* cursor = data.get();
+    size_t left = size;
+    if (!req.getFromBuffer(cursor, left)) {
+        std::cerr << "Failed to deserialize RequestBasicObjectInfoMsg. sz=" << size << '\n';
+        replyWithError(DIRECT_MSGCAT, toDeviceId, toObjectNo, msgId, fromDeviceId, fromObjectNo,
+                       MessageErrorPack::DESERIALIZATION_ERROR, "");
+        return;
+    }
+    ClientProxy* requester = clientMgr.getClient(fromDeviceId);
+    if (requester == nullptr) return;
+    BasicObjectInfoMsg reply = describeObjects(req.nodeId);
+    queueReply(reply, BasicObjectInfoMsg::MSG_ID, fromDeviceId, fromObjectNo, toDeviceId, toObjectNo, *requester);
+}
+
+template <typename Msg>
+void DeviceManagementServices::queueReply(const Msg& body, MessageID replyId, uint16_t fromDeviceId,
+                                          uint8_t fromObjectNo, uint16_t toDeviceId, uint8_t toObjectNo,
+                                          ClientProxy& requester) {
     // Sized once from the estimate, so encoding never reallocates.
-    const size_t capacity = list.estimateRequiredSize();
-    std::shared_ptr<unsigned char> reply = makeMessageBuffer(static_cast<uint32_t>(capacity));
-    uint8_t* cursorOut = reply.get();
+    const size_t capacity = body.estimateRequiredSize();
+    std::shared_ptr<unsigned char> buffer = makeMessageBuffer(static_cast<uint32_t>(capacity));
+    uint8_t* cursor = buffer.get();
     size_t room = capacity;
-    if (!list.addToBuffer(cursorOut, room)) return;
+    if (!body.addToBuffer(cursor, room)) return;
     const uint32_t written = static_cast<uint32_t>(capacity - room);
 
     MsgSelector ms;
     ms.msgCat = DIRECT_MSGCAT;
     ms.fromDeviceId = toDeviceId;
     ms.fromObjectNo = toObjectNo;
-    ms.msgId = REPLY_BASIC_DEVICE_LIST_MSG_ID;
+    ms.msgId = replyId;
     ms.toDeviceId = fromDeviceId;
     ms.toObjectNo = fromObjectNo;
     ms.msgNo = messageCounter++;
     ms.msgSize = written;
-    requester->deliverMessage(ms, reply, written);
+    requester.deliverMessage(ms, buffer, written);
 }
-
-void DeviceManagementServices::getObjList(uint16_t, uint8_t, uint16_t, uint16_t, uint8_t,
-                                          std::shared_ptr<unsigned char>&, unsigned int) {}
 
 bool DeviceManagementServices::matchRequest(const ClientDBRec&, const NodeStatusInfo&,
                                             const RequestBasicDeviceListMsg&) {

@@ -3,8 +3,10 @@
 // A RequestBasicDeviceListMsg (message id 1) is answered with one direct
 // message, a BasicDeviceListMsg (id 2), describing every device proxy and then
 // every virtual client, in ascending id order, queued on the requester's proxy
-// for sequenced transfer. Object-information requests (id 3) are accepted and
-// not answered. Reply numbers start at 1.
+// for sequenced transfer. An object-information request (id 3) is answered
+// the same way with a BasicObjectInfoMsg (id 4): the node's objects and the
+// interface identifiers its stored specification names (never downloaded).
+// Reply numbers start at 1 and are shared by both replies.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +32,10 @@ public:
     // encode. data must hold size bytes (null when size is 0).
     void getDevList(uint16_t fromDeviceId, uint8_t fromObjectNo, uint16_t msgId, uint16_t toDeviceId,
                     uint8_t toObjectNo, std::shared_ptr<unsigned char>& data, unsigned int size);
-    // Does nothing: object information requests get no answer.
+    // Decodes the request (on failure: an error line and replyWithError code 1,
+    // as for getDevList) and queues the objects of the node asked about on the
+    // proxy of fromDeviceId (none for an unknown node); no reply when that proxy
+    // does not exist.
     void getObjList(uint16_t fromDeviceId, uint8_t fromObjectNo, uint16_t msgId, uint16_t toDeviceId,
                     uint8_t toObjectNo, std::shared_ptr<unsigned char>& data, unsigned int size);
     // Accepts every client: the request's filters are carried but not applied.
@@ -43,5 +48,12 @@ public:
     MessageNo nextReplyNumber() const { return messageCounter; }
 
 private:
+    // Encodes body into a buffer sized by its estimate and queues it on the
+    // requester as reply replyId, numbered from messageCounter; nothing is sent
+    // when it does not encode.
+    template <typename Msg>
+    void queueReply(const Msg& body, MessageID replyId, uint16_t fromDeviceId, uint8_t fromObjectNo,
+                    uint16_t toDeviceId, uint8_t toObjectNo, ClientProxy& requester);
+
     MessageNo messageCounter = 1;
 };

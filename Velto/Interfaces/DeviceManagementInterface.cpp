@@ -55,3 +55,42 @@ size_t BasicDeviceListMsg::estimateRequiredSize() const {
     if (devList.empty()) return 8;
     return 8 + devList.size() * devList.front().estimateRequiredSize();
 }
+
+bool RequestBasicObjectInfoMsg::addToBuffer(uint8_t*& cursor, size_t& left) const {
+    return ::addToBuffer(nodeId, cursor, left);
+}
+
+bool RequestBasicObjectInfoMsg::getFromBuffer(const uint8_t*& cursor, size_t& left) {
+    return ::getFromBuffer(cursor, left, nodeId);
+}
+
+bool BasicObjectInfo::addToBuffer(uint8_t*& cursor, size_t& left) const {
+    return ::addToBuffer(objectNo, cursor, left) && ::addToBuffer(groupNo, cursor, left) &&
+           ::addToBuffer(ifaceType, cursor, left) && ::addToBuffer(name, cursor, left) &&
+           ::addToBuffer(interface, cursor, left) && ::addToBuffer(interfaceId, cursor, left);
+}
+
+bool BasicObjectInfo::getFromBuffer(const uint8_t*& cursor, size_t& left) {
+    return ::getFromBuffer(cursor, left, objectNo) && ::getFromBuffer(cursor, left, groupNo) &&
+           ::getFromBuffer(cursor, left, ifaceType) && ::getFromBuffer(cursor, left, name) &&
+           ::getFromBuffer(cursor, left, interface) && ::getFromBuffer(cursor, left, interfaceId);
+}
+
+bool BasicObjectInfoMsg::addToBuffer(uint8_t*& cursor, size_t& left) const {
+    if (!::addToBuffer(nodeId, cursor, left)) return false;
+    if (!encodeSizeVLQ(static_cast<uint32_t>(objects.size()), cursor, left)) return false;
+    for (const BasicObjectInfo& o : objects)
+        if (!o.addToBuffer(cursor, left)) return false;
+    return true;
+}
+
+bool BasicObjectInfoMsg::getFromBuffer(const uint8_t*& cursor, size_t& left) {
+    uint32_t count = 0;
+    if (!::getFromBuffer(cursor, left, nodeId) || !decodeVLQSize(cursor, left, count)) return false;
+    for (uint32_t i = 0; i < count; ++i) {
+        BasicObjectInfo o;
+        if (!o.getFromBuffer(cursor, left)) return false;
+        objects.push_back(o);
+    }
+    return true;
+}

@@ -76,3 +76,30 @@ TEST(BasicDeviceListMsg, HugeDeclaredCountStopsAtTheFirstMissingEntry) {
     ASSERT_EQ(1u, m.devList.size());
     EXPECT_LT(m.devList.capacity(), 1000u);
 }
+
+// The request is the node id alone (trailing bytes ignored); the reply is the
+// node id, a VLQ count and each object's bytes and texts in order.
+TEST(BasicObjectInfoMsg, LayoutRoundTripAndTruncationRefused) {
+    RequestBasicObjectInfoMsg req;
+    EXPECT_TRUE(decodePrefix(fromHex("03ea ff ff"), 4, req));
+    EXPECT_EQ(1002, req.nodeId);
+    EXPECT_FALSE(decodePrefix(fromHex("03"), 1, req));
+
+    BasicObjectInfoMsg msg;
+    msg.nodeId = 0x03ea;
+    BasicObjectInfo o;
+    o.objectNo = 1, o.groupNo = 2, o.ifaceType = 3, o.name = "l", o.interface = "if", o.interfaceId = "x/I.1";
+    msg.objects = {o, o};
+    const Bytes bytes = encode(msg);
+    EXPECT_EQ(toHex(bytes.data(), 17), toHex(fromHex("03ea 02 01 02 03 6c00 696600 782f492e3100")));
+    EXPECT_LE(bytes.size(), msg.estimateRequiredSize());
+    BasicObjectInfoMsg back;
+    ASSERT_TRUE(decodePrefix(bytes, bytes.size(), back));
+    ASSERT_EQ(2u, back.objects.size());
+    EXPECT_EQ(bytes, encode(back));
+    // Every cut before the last object's last text loses an object or a field.
+    for (size_t n = 0; n + 6 < bytes.size(); ++n) {
+        BasicObjectInfoMsg m;
+        EXPECT_FALSE(decodePrefix(bytes, n, m) && m.objects.size() == 2) << "prefix " << n;
+    }
+}
