@@ -9,7 +9,6 @@
 namespace bridge {
 
 namespace {
-constexpr Timestamp RESTART_EVERY_MS = 2000;
 constexpr int MAX_WAIT_MS = 50;  // the session's own timers want a pass this often
 }  // namespace
 
@@ -40,7 +39,7 @@ int BridgeApp::run(volatile std::sig_atomic_t& stop) {
         mqtt.service(now);
         waitOnce(now);
         now = currentTime();
-        followSession(now);
+        followSession();
         mirror.service(now);
         mirror.documentsArrived();
         publisher.service(now);
@@ -58,7 +57,7 @@ void BridgeApp::waitOnce(Timestamp now) {
     int mfd = mqtt.socket();
     if (session.handle() >= 0) fds[n++] = {session.handle(), POLLIN, 0};
     if (mfd >= 0) fds[n++] = {mfd, static_cast<short>(POLLIN | (mqtt.wantWrite() ? POLLOUT : 0)), 0};
-    int wait = std::min(MAX_WAIT_MS, mqtt.msUntilDue(now));
+    int wait = std::min({MAX_WAIT_MS, session.pollSliceMs(), mqtt.msUntilDue(now)});
     ::poll(fds, n, wait);
     if (session.handle() >= 0 && session.poll(0) < 0) std::cerr << "velto-mqtt: " << session.lastError() << '\n';
     if (mfd >= 0) {
@@ -69,7 +68,7 @@ void BridgeApp::waitOnce(Timestamp now) {
 
 // The hub session lost and back, in one place: devices go offline meanwhile,
 // and everything is read again after the rejoin.
-void BridgeApp::followSession(Timestamp now) {
+void BridgeApp::followSession() {
     bool ready = session.state() == device::DeviceSession::State::READY;
     if (ready && !sessionReady) {
         std::cout << "velto-mqtt: joined the hub as node " << session.nodeId() << std::endl;
@@ -78,13 +77,8 @@ void BridgeApp::followSession(Timestamp now) {
     if (!ready && sessionReady) {
         std::cerr << "velto-mqtt: lost the hub: " << session.lastError() << '\n';
         mirror.sessionLost();
-        restartAt = now + RESTART_EVERY_MS;
     }
-    sessionReady = ready;
-    if (session.state() == device::DeviceSession::State::LOST && now >= restartAt) {
-        restartAt = now + RESTART_EVERY_MS;
-        session.start();
-    }
+    sessionReady = ready;  // the session rejoins by itself, with back-off
 }
 
 }  // namespace bridge

@@ -26,7 +26,9 @@ public:
 
 private:
     void waitOnce(Timestamp now);
-    void followSession(Timestamp now);
+    // Marks the devices offline when the hub session is lost and reads
+    // everything again when it is back.
+    void followSession();
 
     BridgeOptions opts;
     TopicNames topics;
@@ -36,7 +38,6 @@ private:
     Publisher publisher;
     HubMirror mirror;
     bool sessionReady = false;
-    Timestamp restartAt = 0;
 };
 
 }  // namespace bridge
