@@ -18,7 +18,7 @@ cd "$(dirname "$0")"
 ensure_packages $VELTO_PACKAGES $BENCH_PACKAGES
 
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVELTO_BUILD_TESTS=OFF -DVELTO_BUILD_BENCH=ON >/dev/null
-cmake --build build-bench -j2 --target velto-bench velto-transfer
+cmake --build build-bench -j2 --target velto-bench velto-transfer bridge-bench velto-mqtt
 
 mode=()
 out="$PWD/bench/results"
@@ -37,3 +37,13 @@ counts=1000,5000,10000
 echo "Transfers and the device list:"
 tests/netns.sh "$PWD/build-bench/velto-transfer" --bin-dir "$PWD/build-bench" \
     --work "$PWD/build-bench/transfer-work" --counts "$counts" | tee "$out/transfer.txt"
+
+# The MQTT bridge: a device's notification to an MQTT subscriber (p50/p99,
+# sustained rate) beside mosquitto's own publish-to-subscribe latency, and the
+# time to discover a home of 1,000 devices; RESULT lines also go to bridge.txt.
+bridge_args=()
+[ ${#mode[@]} -gt 0 ] && bridge_args=(--samples 200 --devices 100)
+echo "MQTT bridge:"
+tests/netns.sh "$PWD/build-bench/bridge-bench" --hub-bin "$PWD/build-bench/velto-hub" \
+    --bridge-bin "$PWD/build-bench/velto-mqtt" --examples "$PWD/examples" \
+    ${bridge_args[@]+"${bridge_args[@]}"} | tee "$out/bridge.txt"

@@ -7,7 +7,7 @@
 //                [--devices N] [--rate-ms MS]
 //
 // Starts mosquitto, velto-hub and velto-mqtt itself in a fresh directory under
-// /tmp; run it inside a private network namespace (bench/bridge/run.sh).
+// /tmp; run it inside a private network namespace (./bench.sh does).
 // Single-threaded; every wait is bounded. Prints one RESULT line per figure.
 #include <mosquitto.h>
 
