@@ -61,4 +61,35 @@ bool SimDevice::receiveMessage(MsgSelector& ms, Bytes& body, uint32_t timeoutMs)
     return !body.empty() && held == body.size();
 }
 
+bool SimDevice::join(const ToHub& toHub, const std::string& domain, const ByteArray<32>& mainKey,
+                     uint64_t clientRand, uint32_t timeoutMs) {
+    nodeId = 0;
+    NewBornDevicePack born = newBorn("sp");
+    toHub(born);
+    AdoptionOfferPack offer;
+    if (!receive(offer, timeoutMs)) return false;
+    NetworkJoinPack request = joinRequest(domain, clientRand);
+    toHub(request);
+    JoinAcceptedPack accepted;
+    if (!receive(accepted, timeoutMs)) return false;
+    nodeId = accepted.nodeId;
+    sessionKey = recoverSessionKey(accepted, clientRand, mainKey);
+    return true;
+}
+
+bool SimDevice::configure(const ToHub& toHub, uint8_t objects, uint8_t sigType, uint32_t timeoutMs) {
+    ConfigSummaryPack summary = configSummary(objects);
+    summary.signature.setKey(sigType, sessionKey.data(), sessionKey.size());
+    toHub(summary);
+    for (uint8_t n = 0; n < objects; ++n) {
+        GetObjectInfoPack ask;
+        if (!receive(ask, timeoutMs) || ask.objectNo != n) return false;
+        ObjectInfoPack info = objectInfo(n, "obj" + std::to_string(n), "if");
+        info.signature.setKey(sigType, sessionKey.data(), sessionKey.size());
+        toHub(info);
+    }
+    ConfigurationCompletePack done;
+    return receive(done, timeoutMs);
+}
+
 }  // namespace testsupport

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "Device/PackKit.h"
@@ -63,6 +64,18 @@ public:
     // bytes are held in order; false when a piece misses timeoutMs. Sends no
     // acknowledgement.
     bool receiveMessage(MsgSelector& ms, Bytes& body, uint32_t timeoutMs = 2000);
+
+    // The join exchange: announcement, offer, join request, acceptance. Each
+    // pack goes to the hub through toHub; answers are read from this socket
+    // within timeoutMs each. On success sets nodeId and sessionKey (recovered
+    // with mainKey, the key the hub holds for the device) and returns true.
+    typedef std::function<void(VeltoPacket&)> ToHub;
+    bool join(const ToHub& toHub, const std::string& domain, const ByteArray<32>& mainKey, uint64_t clientRand,
+              uint32_t timeoutMs = 2000);
+    // The configuration exchange with objects "obj<n>" of interface "if", every
+    // pack signed with sigType under the session key; true when the hub
+    // completed it.
+    bool configure(const ToHub& toHub, uint8_t objects, uint8_t sigType = 0, uint32_t timeoutMs = 2000);
     static MessageCarrierACKPack ackFor(const MsgSelector& ms, uint32_t lastSeqNo) {
         return packkit::ackOf(ms, lastSeqNo);
     }
