@@ -130,4 +130,10 @@ MessageCarrierACKPack ackOf(const MsgSelector& ms, uint32_t lastSeqNo) {
     return ack;
 }
 
+MessageCarrierACKPack ackOf(const MessageCarrierPack& piece) {
+    MsgSelector ms;
+    ms = piece;
+    return ackOf(ms, piece.msgSize);
+}
+
 }  // namespace packkit

@@ -52,5 +52,7 @@ MessageCarrierPack carrier(const MsgSelector& ms, const uint8_t* body, uint32_t 
 std::vector<MessageCarrierPack> pieces(const MsgSelector& ms, const Bytes& body);
 // The acknowledgement of the message ms up to lastSeqNo.
 MessageCarrierACKPack ackOf(const MsgSelector& ms, uint32_t lastSeqNo);
+// The acknowledgement of the whole message a received piece belongs to.
+MessageCarrierACKPack ackOf(const MessageCarrierPack& piece);
 
 }  // namespace packkit

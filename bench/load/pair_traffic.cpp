@@ -80,7 +80,7 @@ void PairTraffic::onCarrier(size_t nodeIndex, const uint8_t* data, int n) {
     }
     // Every piece is acknowledged, repeats included, as a device must.
     uint8_t buf[MAX_PACKET_SIZE];
-    MessageCarrierACKPack ack = packkit::ackOf(c, c.msgSize);
+    MessageCarrierACKPack ack = packkit::ackOf(c);
     send(nodeIndex, buf, packkit::encodeInto(ack, nodes[nodeIndex].id, ++packetNos[nodeIndex], buf, sizeof(buf)));
     if (nodeIndex % 2 == 0) return;
     size_t pair = nodeIndex / 2;

@@ -38,7 +38,7 @@ struct Relay {
     void carrier(const uint8_t* data, int n, const sockaddr_in& from) {
         MessageCarrierPack c;
         if (c.deserialize(data, static_cast<size_t>(n), false) < 1) return;
-        MessageCarrierACKPack ack = packkit::ackOf(c, c.msgSize);
+        MessageCarrierACKPack ack = packkit::ackOf(c);
         int len = packkit::encodeInto(ack, c.devId, ++packetNo, out, sizeof(out));
         if (len > 0) bench::sendDatagram(fd, from, out, static_cast<size_t>(len));
         if (known[c.toDeviceId]) bench::sendDatagram(fd, nodes[c.toDeviceId], data, static_cast<size_t>(n));
