@@ -140,8 +140,6 @@ private:
     void restoreDevices();
     bool healthy(const Device& d);
     bool join(Device& d);
-    bool configure(Device& d, ClientProxy& proxy);
-    void deliver(Device& d, VeltoPacket& pack, bool sign);
     void dropEverything();
     void step(const fuzzdatagram::Datagram& d);
     void periodicWork(Timestamp now);
@@ -255,48 +253,21 @@ void DatagramHub::restoreDevices() {
     }
 }
 
-// Sends the pack from d's address through the dispatch, signed with the
-// session key when asked (and the device signs).
-void DatagramHub::deliver(Device& d, VeltoPacket& pack, bool sign) {
-    if (sign && d.profile->sigType != NO_SIGNATURE_TYPE)
-        pack.signature.setKey(d.profile->sigType, d.profile->sessionKey, sizeof d.profile->sessionKey);
-    const testsupport::Bytes bytes = d.sim.encode(pack);
-    handleDatagram(bytes.data(), bytes.size(), d.sim.address(), hubSock);
-}
-
-// Announcement, join and configuration through the dispatch; true when the
-// device ends CONNECTED under its own id with its session key.
+// Announcement, join and configuration through the dispatch (drained
+// beforehand of what the hub sent earlier); true when the device ends
+// CONNECTED under its own id with its session key.
 bool DatagramHub::join(Device& d) {
     for (int i = 0; i < kMaxDrain && !d.sim.receiveRaw(0).empty(); ++i) {
     }
-    const uint64_t clientRand = 0x0123456789abcdefULL;
-    d.sim.nodeId = 0;
-    NewBornDevicePack born = d.sim.newBorn("sp");
-    deliver(d, born, false);
-    AdoptionOfferPack offer;
-    if (!d.sim.receive(offer, 0)) return false;
-    NetworkJoinPack request = d.sim.joinRequest(fuzzdatagram::kDomain, clientRand);
-    deliver(d, request, false);
-    JoinAcceptedPack accepted;
-    if (!d.sim.receive(accepted, 0) || accepted.nodeId != d.profile->id) return false;
-    ClientProxy* proxy = clientMgr.getClient(accepted.nodeId);
-    if (proxy == nullptr) return false;
-    d.sim.nodeId = accepted.nodeId;
-    d.sim.sessionKey = testsupport::recoverSessionKey(accepted, clientRand, proxy->record().mainKey);
-    return configure(d, *proxy) && healthy(d);
-}
-
-bool DatagramHub::configure(Device& d, ClientProxy& proxy) {
-    ConfigSummaryPack summary = d.sim.configSummary(d.profile->objects);
-    deliver(d, summary, true);
-    for (uint8_t n = 0; n < d.profile->objects; ++n) {
-        GetObjectInfoPack ask;
-        if (!d.sim.receive(ask, 0) || ask.objectNo != n) return false;
-        ObjectInfoPack info = d.sim.objectInfo(n, "obj" + std::to_string(n), "if");
-        deliver(d, info, true);
-    }
-    ConfigurationCompletePack done;
-    return d.sim.receive(done, 0) && proxy.status().state == NodeStatusInfo::CONNECTED;
+    const SimDevice::ToHub toHub = [&](VeltoPacket& pack) {
+        const testsupport::Bytes bytes = d.sim.encode(pack);
+        handleDatagram(bytes.data(), bytes.size(), d.sim.address(), hubSock);
+    };
+    const ByteArray<32> mainKey = d.profile->mainKeyLen ? ByteArray<32>(d.profile->mainKey, d.profile->mainKeyLen)
+                                                        : packkit::keyBytes(20, 0);
+    return d.sim.join(toHub, fuzzdatagram::kDomain, mainKey, 0x0123456789abcdefULL, 0) &&
+           d.sim.nodeId == d.profile->id && d.sim.configure(toHub, d.profile->objects, d.profile->sigType, 0) &&
+           healthy(d);
 }
 
 bool DatagramHub::resetDue() const {

@@ -11,7 +11,8 @@
 #include "bench/common/latency_stats.h"
 #include "bench/common/proc_probe.h"
 #include "bench/common/result_line.h"
-#include "bench/common/velto_packets.h"
+#include "bench/common/loopback_io.h"
+#include "Device/PackKit.h"
 #include "bench/driver/processes.h"
 #include "bench/driver/servers.h"
 
@@ -66,12 +67,9 @@ void readScaleLines(const std::string& out, ScaleData& data) {
 double timeStartup(const BenchConfig& cfg, const std::string& dir, std::string& why) {
     int fd = openLoopbackSocket(0);
     if (fd < 0) return why = "no probe socket", NAN;
-    NewBornDevicePack p;
-    p.duid = "bench-startup-probe";
-    p.specs = "bn";
-    p.intVer = 1;
+    NewBornDevicePack p = packkit::newBorn("bench-startup-probe", "bn");
     uint8_t announce[MAX_PACKET_SIZE];
-    int len = encodePack(p, 0, 1, announce, sizeof(announce));
+    int len = packkit::encodeInto(p, 0, 1, announce, sizeof(announce));
     sockaddr_in hub = loopbackAddress(HUB_PORT);
 
     uint64_t t0 = nowNs();

@@ -9,7 +9,8 @@
 #include "bench/common/bench_clock.h"
 #include "bench/common/latency_stats.h"
 #include "bench/common/proc_probe.h"
-#include "bench/common/velto_packets.h"
+#include "bench/common/loopback_io.h"
+#include "Device/PackKit.h"
 
 namespace bench {
 
@@ -54,8 +55,9 @@ void PairTraffic::startMessage(size_t pair) {
     // The message number in the first bytes lets a stale copy be told apart.
     for (size_t i = 0; i < 4 && i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(st.msgNo >> (8 * i));
     uint8_t buf[MAX_PACKET_SIZE];
-    int n = encodeCarrier(buf, sizeof(buf), a.id, ++packetNos[2 * pair], a.id, b.id, st.msgNo, payload.data(),
-                          static_cast<uint32_t>(payload.size()));
+    MessageCarrierPack piece = packkit::carrier(packkit::selector(DIRECT_MSGCAT, a.id, 0, 1, b.id, 0, st.msgNo),
+                                                payload.data(), static_cast<uint32_t>(payload.size()), 0);
+    int n = packkit::encodeInto(piece, a.id, ++packetNos[2 * pair], buf, sizeof(buf));
     st.inFlight = true;
     st.gotAck = false;
     st.gotMessage = false;
@@ -78,7 +80,8 @@ void PairTraffic::onCarrier(size_t nodeIndex, const uint8_t* data, int n) {
     }
     // Every piece is acknowledged, repeats included, as a device must.
     uint8_t buf[MAX_PACKET_SIZE];
-    send(nodeIndex, buf, encodeAck(buf, sizeof(buf), nodes[nodeIndex].id, ++packetNos[nodeIndex], c));
+    MessageCarrierACKPack ack = packkit::ackOf(c);
+    send(nodeIndex, buf, packkit::encodeInto(ack, nodes[nodeIndex].id, ++packetNos[nodeIndex], buf, sizeof(buf)));
     if (nodeIndex % 2 == 0) return;
     size_t pair = nodeIndex / 2;
     PairState& st = pairs[pair];
@@ -106,8 +109,8 @@ void PairTraffic::onPing(size_t nodeIndex, const uint8_t* data, int n) {
     PingPongPack p;
     if (p.deserialize(data, static_cast<size_t>(n), false) < 1 || p.pingOrPong != PingPongPack::PING) return;
     uint8_t buf[MAX_PACKET_SIZE];
-    send(nodeIndex, buf,
-         encodePing(buf, sizeof(buf), nodes[nodeIndex].id, ++packetNos[nodeIndex], PingPongPack::PONG, p.replyKey));
+    PingPongPack pong = packkit::ping(PingPongPack::PONG, p.replyKey);
+    send(nodeIndex, buf, packkit::encodeInto(pong, nodes[nodeIndex].id, ++packetNos[nodeIndex], buf, sizeof(buf)));
 }
 
 bool PairTraffic::handleReadable(size_t nodeIndex) {

@@ -7,7 +7,8 @@
 #include <algorithm>
 
 #include "bench/common/bench_clock.h"
-#include "bench/common/velto_packets.h"
+#include "bench/common/loopback_io.h"
+#include "Device/PackKit.h"
 
 namespace bench {
 
@@ -48,7 +49,7 @@ ScaleFleet::~ScaleFleet() {
 
 void ScaleFleet::sendPack(Device& d, VeltoPacket& p) {
     uint8_t buf[MAX_PACKET_SIZE];
-    int n = encodePack(p, d.id, ++d.packetNo, buf, sizeof(buf));
+    int n = packkit::encodeInto(p, d.id, ++d.packetNo, buf, sizeof(buf));
     if (n > 0) sendDatagram(d.fd, loopbackAddress(hubPort), buf, static_cast<size_t>(n));
 }
 

@@ -30,7 +30,8 @@
 #include "bench/common/latency_stats.h"
 #include "bench/common/proc_probe.h"
 #include "bench/common/result_line.h"
-#include "bench/common/velto_packets.h"
+#include "bench/common/loopback_io.h"
+#include "Device/PackKit.h"
 #include "bench/load/hub_join.h"
 #include "bench/load/hung_download.h"
 #include "bench/load/pair_traffic.h"
@@ -68,7 +69,8 @@ bool registerWithRelay(int count, uint16_t port, std::vector<int>& fds, std::vec
         uint8_t buf[MAX_PACKET_SIZE];
         for (size_t i = 0; i < nodes.size(); ++i) {
             if (answered[i]) continue;
-            int n = bench::encodePing(buf, sizeof(buf), nodes[i].id, 1, PingPongPack::PING, i + 1);
+            PingPongPack ping = packkit::ping(PingPongPack::PING, i + 1);
+            int n = packkit::encodeInto(ping, nodes[i].id, 1, buf, sizeof(buf));
             if (n > 0) bench::sendDatagram(nodes[i].fd, relay, buf, static_cast<size_t>(n));
         }
         uint64_t waitUntil = bench::nowNs() + bench::msToNs(100);

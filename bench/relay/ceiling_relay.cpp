@@ -18,7 +18,8 @@
 
 #include "bench/common/bench_clock.h"
 #include "bench/common/cli_args.h"
-#include "bench/common/velto_packets.h"
+#include "bench/common/loopback_io.h"
+#include "Device/PackKit.h"
 
 namespace {
 
@@ -37,7 +38,8 @@ struct Relay {
     void carrier(const uint8_t* data, int n, const sockaddr_in& from) {
         MessageCarrierPack c;
         if (c.deserialize(data, static_cast<size_t>(n), false) < 1) return;
-        int len = bench::encodeAck(out, sizeof(out), c.devId, ++packetNo, c);
+        MessageCarrierACKPack ack = packkit::ackOf(c);
+        int len = packkit::encodeInto(ack, c.devId, ++packetNo, out, sizeof(out));
         if (len > 0) bench::sendDatagram(fd, from, out, static_cast<size_t>(len));
         if (known[c.toDeviceId]) bench::sendDatagram(fd, nodes[c.toDeviceId], data, static_cast<size_t>(n));
     }
@@ -45,7 +47,8 @@ struct Relay {
     void ping(const uint8_t* data, int n, const sockaddr_in& from) {
         PingPongPack p;
         if (p.deserialize(data, static_cast<size_t>(n), false) < 1 || p.pingOrPong != PingPongPack::PING) return;
-        int len = bench::encodePing(out, sizeof(out), p.devId, ++packetNo, PingPongPack::PONG, p.replyKey);
+        PingPongPack pong = packkit::ping(PingPongPack::PONG, p.replyKey);
+        int len = packkit::encodeInto(pong, p.devId, ++packetNo, out, sizeof(out));
         if (len > 0) bench::sendDatagram(fd, from, out, static_cast<size_t>(len));
     }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Device/PackKit.h"
 #include "Hub/DeviceManager.h"
 #include "Hub/server.h"
 #include "tests/support/session_story.h"
@@ -27,26 +28,14 @@ protected:
     void TearDown() override { setClockOffsetForTesting(0); }
 
     MsgSelector direct(DeviceID to, uint16_t msgId = 5, uint32_t msgNo = 1) {
-        MsgSelector ms;
-        ms.msgCat = DIRECT_MSGCAT;
-        ms.fromDeviceId = a.id;
-        ms.fromObjectNo = 1;
-        ms.msgId = msgId;
-        ms.toDeviceId = to;
-        ms.msgNo = msgNo;
-        return ms;
+        return packkit::selector(DIRECT_MSGCAT, a.id, 1, msgId, to, 0, msgNo);
     }
 
-    // One piece from A's device: bytes [start, start + len) of a body of `size` bytes.
-    void sendPiece(const MsgSelector& ms, uint32_t size, uint32_t start, uint32_t len) {
+    // The piece from A's device that starts at byte `start` of a body of `size` bytes.
+    void sendPiece(const MsgSelector& ms, uint32_t size, uint32_t start) {
         std::vector<uint8_t> body(size, 0x5a);
-        MessageCarrierPack p;
-        ms.copyTo(p);
+        MessageCarrierPack p = packkit::carrier(ms, body.data(), size, start);
         p.devId = a.id;
-        p.msgSize = size;
-        p.checksum = messageChecksum(body.data(), size);
-        p.packetStart = start;
-        p.payload = ByteArray<326>(body.data() + start, len);
         handleMessagePack(p, a->record().lastAddress, *a);
     }
 
@@ -62,12 +51,12 @@ protected:
 
 // A piece must match the open reception in everything but msgNo.
 TEST_F(MessageTest, LaterPieceOfAnotherMessageIsRefusedAndTheReceptionStaysOpen) {
-    sendPiece(direct(b.id, 5), 600, 0, 326);
-    sendPiece(direct(b.id, 6), 600, 326, 274);  // another msgId
+    sendPiece(direct(b.id, 5), 600, 0);
+    sendPiece(direct(b.id, 6), 600, 326);  // another msgId
     EXPECT_TRUE(devA.silent());
     EXPECT_EQ(326u, a->messageReceiver().size());
 
-    sendPiece(direct(b.id, 5, 99), 600, 326, 274);  // differs only in msgNo: accepted
+    sendPiece(direct(b.id, 5, 99), 600, 326);  // differs only in msgNo: accepted
     EXPECT_EQ(600u, ackAtA());
     MessageCarrierPack piece;
     ASSERT_TRUE(devB.receivePack(piece));
@@ -90,7 +79,7 @@ TEST_F(MessageTest, UndeliverableMessagesAreAcknowledgedAndDropped) {
     };
     for (const auto& c : cases) {
         a->status().state = c.connected ? NodeStatusInfo::CONNECTED : NodeStatusInfo::INITIALIZING;
-        EXPECT_EQ(c.err, testsupport::stderrOf([&] { sendPiece(c.ms, 50, 0, 50); }));
+        EXPECT_EQ(c.err, testsupport::stderrOf([&] { sendPiece(c.ms, 50, 0); }));
         EXPECT_EQ(50u, ackAtA());
         EXPECT_TRUE(devB.silent());
         EXPECT_EQ(MsgReceiver::EMPTY, a->messageReceiver().getStatus());

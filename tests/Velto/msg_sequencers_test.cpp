@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Device/PackKit.h"
 #include "tests/support/test_support.h"
 
 using testsupport::stderrOf;
@@ -15,23 +16,8 @@ using testsupport::stdoutOf;
 
 namespace {
 
-std::vector<uint8_t> pattern(size_t n) {
-    std::vector<uint8_t> v(n);
-    for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>((i * 7 + 3) & 0xFF);
-    return v;
-}
-
-MsgSelector directSelector() {
-    MsgSelector s;
-    s.msgCat = DIRECT_MSGCAT;
-    s.fromDeviceId = 1001;
-    s.fromObjectNo = 3;
-    s.msgId = 42;
-    s.toDeviceId = 1002;
-    s.toObjectNo = 7;
-    s.msgNo = 9;
-    return s;
-}
+std::vector<uint8_t> pattern(size_t n) { return packkit::pattern(n, 3); }
+MsgSelector directSelector() { return packkit::selector(DIRECT_MSGCAT, 1001, 3, 42, 1002, 7, 9); }
 
 // Pulls every piece the sender has now; returns them in order.
 std::vector<MessageCarrierPack> drain(MsgSender& s) {

@@ -68,6 +68,11 @@ TEST(MsgSignature, Sha1VerifiesWithTheSameKeyAndUnchangedBytesOnly) {
     std::vector<uint8_t> bad = wire;
     bad[3] ^= 0x01;  // a header byte is covered too
     EXPECT_FALSE(verifiesWith(bad, KEY, sizeof(KEY)));
+    for (size_t i = 10; i < 30; ++i) {  // every byte of the signature is compared
+        bad = wire;
+        bad[i] ^= 0x01;
+        EXPECT_FALSE(verifiesWith(bad, KEY, sizeof(KEY))) << "signature byte " << i;
+    }
 }
 
 // kept: a type-2 signature never verifies, not even when its area holds the

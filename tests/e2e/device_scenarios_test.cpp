@@ -64,6 +64,8 @@ TEST_F(DeviceScenarios, DirectMessagesOfEverySizeTravelBothWays) {
     pumpFor(300);
     EXPECT_EQ(4u, rec(0).messages.size()) << "nothing delivered twice";
     EXPECT_EQ(4u, rec(1).messages.size());
+    EXPECT_EQ(std::string(40, '0'), recordValue("dev-a", "MAIN_KEY")) << "a fresh device gets the cleared key";
+    EXPECT_EQ("0", recordValue("dev-a", "TRUST"));
     EXPECT_EQ(std::string::npos, hub.err().find("Failed to verify")) << hub.err();
 }
 
@@ -126,6 +128,10 @@ TEST_F(DeviceScenarios, AMainKeyKnownToTheHubSignsTheHandshake) {
     EXPECT_NE(std::string::npos, rec(1).diags.find("join acceptance signed with type 2: not checkable"));
     EXPECT_EQ(recordValue("keyed-01", "SESSION_KEY"), hexOf(one.sessionKey()));
     EXPECT_EQ(recordValue("keyed-02", "SESSION_KEY"), hexOf(two.sessionKey()));
+    for (const std::string& line : std::vector<std::string>{"New Baby born at:127.0.0.1/", " DUID=keyed-01, SPECS=t1 VER=",
+                                   "Adopting client:127.0.0.1/", " DUID=keyed-01 joins the networkTestDomain_KVZ1",
+                                   "sessionKey[32]: " + hexOf(one.sessionKey()) + "\n"})
+        EXPECT_TRUE(hub.waitForOutput(line, 2000)) << line;
     sessions.clear();
     pumpFor(100);
     DeviceSession& bad = device("keyed-01", false, DEFAULT_DOMAIN, false, pattern(20, 78));

@@ -360,7 +360,8 @@ TEST_F(FaultTest, UnwritableDbRelayGoesOnAndWritingResumes) {
 
 // DUIDs that try to leave DB are refused; odd but plain ones (and one byte over
 // the 32-byte field) are filed under their own name and read back after a
-// restart; a NewBorn text with a line break adds no line to a record.
+// restart; a NewBorn text with a line break adds no line to a record; a
+// datagram too short to read and one from an unknown node are logged.
 TEST_F(FaultTest, HostileDuidsWriteNothingOutsideDb) {
     const std::vector<std::string> refused = {"../fault-escape", "../../fault-escape-tmp", "/fault-abs", "a/b", "..",
                                               ".", ".hidden", "./x", "line\nbreak"};
@@ -375,6 +376,17 @@ TEST_F(FaultTest, HostileDuidsWriteNothingOutsideDb) {
     NewBornDevicePack forged = intruder.newBorn("k\nID=1500");
     AdoptionOfferPack offer;
     ASSERT_TRUE(intruder.send(HUB_ADDR, forged) && intruder.receive(offer));
+    // Too short to read, and from a node the hub does not know: one line each.
+    UdpSocket raw;
+    ASSERT_TRUE(raw.bind(SockAddress("127.0.0.1", 0), false));
+    uint8_t shortOne[5] = {1, 2, 3, 4, 5};
+    ASSERT_EQ(5, raw.sendTo(HUB_ADDR, shortOne, sizeof shortOne));
+    intruder.nodeId = 777;
+    ConfigSummaryPack summary = intruder.configSummary(1);
+    intruder.send(HUB_ADDR, summary);
+    EXPECT_TRUE(hub.waitForOutput(" received too small packet to deserialize id 5 bytes\n", 2000, true));
+    EXPECT_TRUE(hub.waitForOutput("handleConnectedMsgs(): Failed to get client for nodeId=777 msgId=\n from [127.0.0.1]:" +
+                                      std::to_string(intruder.address().port()) + "\n", 2000, true));
 
     std::vector<std::string> all = refused;
     all.insert(all.end(), plain.begin(), plain.end());
@@ -395,8 +407,6 @@ TEST_F(FaultTest, HostileDuidsWriteNothingOutsideDb) {
     auto at = std::search(b.begin(), b.end(), overlong.begin(), overlong.begin() + 32);
     ASSERT_NE(b.end(), at);
     b.insert(at + 32, 'L');
-    UdpSocket raw;
-    ASSERT_TRUE(raw.bind(SockAddress("127.0.0.1", 0), false));
     ASSERT_EQ(static_cast<int>(b.size()), raw.sendTo(HUB_ADDR, b.data(), b.size()));
     uint8_t answer[MAX_PACKET_SIZE];
     EXPECT_GT(raw.recvWithTo(answer, sizeof answer, nullptr, 2000), 0) << "no offer for the overlong DUID";

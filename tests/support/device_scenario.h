@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "Device/DeviceSession.h"
+#include "Device/PackKit.h"
 #include "Velto/platform.h"
 #include "tests/support/child_process.h"
 #include "tests/support/test_support.h"
@@ -24,17 +25,11 @@
 
 namespace testsupport {
 
-// n bytes that differ from message to message (seed) and along the message.
-inline std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
-    std::vector<uint8_t> d(n);
-    for (size_t i = 0; i < n; ++i) d[i] = static_cast<uint8_t>(seed + i * 37 + (i >> 8));
-    return d;
-}
+using packkit::pattern;
 
 // Two lower-case digits per byte, as the hub writes keys into its records.
-inline std::string hexOf(const uint8_t* data, size_t size) { return toHex(data, size); }
-inline std::string hexOf(const std::vector<uint8_t>& d) { return hexOf(d.data(), d.size()); }
-inline std::string hexOf(const ByteArray<32>& k) { return hexOf(k.data(), k.size()); }
+inline std::string hexOf(const std::vector<uint8_t>& d) { return toHex(d.data(), d.size()); }
+inline std::string hexOf(const ByteArray<32>& k) { return toHex(k.data(), k.size()); }
 
 class DeviceScenarioFixture : public ::testing::Test {
 protected:

@@ -2,11 +2,9 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cstring>
 
-#include "Velto/Sha/sha1.h"
-#include "Velto/velto_security.h"
+#include "Device/JoinSecurity.h"
 
 namespace testsupport {
 
@@ -17,90 +15,13 @@ uint16_t boundPort(const UdpSocket& sock) {
     return ntohs(a.sin_port);
 }
 
-Bytes encodePack(VeltoPacket& pack) {
-    uint8_t buf[MAX_PACKET_SIZE];
-    int n = pack.serialize(buf, sizeof buf);
-    return n < 0 ? Bytes() : Bytes(buf, buf + n);
-}
-
-namespace {
-
-void hashLittleEndian(Sha1Class& sha, uint64_t v) {
-    for (int i = 0; i < 8; ++i) sha.write(static_cast<uint8_t>(v >> (8 * i)));
-}
-
-}  // namespace
-
-void joinTransportKey(uint64_t clientRand, const uint8_t* mainKey, size_t mainKeyLen, uint64_t svrRand,
-                      uint8_t out[20]) {
-    Sha1Class sha;
-    sha.init();
-    hashLittleEndian(sha, clientRand);
-    for (size_t i = 0; i < mainKeyLen; ++i) sha.write(mainKey[i]);
-    hashLittleEndian(sha, svrRand);
-    memcpy(out, sha.result(), 20);
-}
-
 ByteArray<32> recoverSessionKey(const JoinAcceptedPack& ja, uint64_t clientRand, const ByteArray<32>& mainKey) {
-    uint8_t key[20];
-    joinTransportKey(clientRand, mainKey.data(), mainKey.size(), ja.svrRand, key);
     ByteArray<32> out;
-    uint8_t* cursor = out.data();
-    size_t left = out.capacity();
-    if (decryptData(ja.sessionKey.data(), ja.sessionKey.size(), ja.encAlg, key, sizeof key, cursor, left))
-        out.setSize(out.capacity() - left);
+    device::recoverSessionKey(ja, clientRand, mainKey, out);
     return out;
 }
 
 SimDevice::SimDevice(const std::string& duid) : duidText(duid) { sock.bind(SockAddress("127.0.0.1", 0), false); }
-
-SockAddress SimDevice::address() const { return SockAddress("127.0.0.1", boundPort(sock)); }
-
-NewBornDevicePack SimDevice::newBorn(const std::string& specs) const {
-    NewBornDevicePack p;
-    p.duid = duidText;
-    p.specs = specs;
-    p.intVer = 3;
-    p.prevn = "oldname";
-    p.prevdom = "olddomain";
-    return p;
-}
-
-NetworkJoinPack SimDevice::joinRequest(const std::string& domain, uint64_t clientRand) const {
-    NetworkJoinPack p;
-    p.duid = duidText;
-    p.nname = duidText;
-    p.domain = domain;
-    p.clientRand = clientRand;
-    p.addrType = NetworkJoinPack::IPV4;
-    p.hubPortNo = 1881;
-    const uint8_t loopback[4] = {127, 0, 0, 1};
-    p.addrValue = ByteArray<32>(loopback, 4);
-    return p;
-}
-
-ConfigSummaryPack SimDevice::configSummary(uint8_t noOfObjects) const {
-    ConfigSummaryPack p;
-    p.duid = duidText;
-    p.noOfObjects = noOfObjects;
-    p.maxNoOfObjects = noOfObjects;
-    p.maxPacketSize = 400;
-    p.maxMessageSize = 4096;
-    return p;
-}
-
-ObjectInfoPack SimDevice::objectInfo(uint8_t objectNo, const std::string& name, const std::string& iface) const {
-    ObjectInfoPack p;
-    p.objectNo = objectNo;
-    p.name = name;
-    p.interface = iface;
-    return p;
-}
-
-Bytes SimDevice::encode(VeltoPacket& pack) const {
-    pack.devId = nodeId;
-    return encodePack(pack);
-}
 
 bool SimDevice::send(const SockAddress& hub, VeltoPacket& pack) {
     Bytes bytes = encode(pack);
@@ -114,25 +35,18 @@ Bytes SimDevice::receiveRaw(uint32_t timeoutMs) {
 }
 
 size_t SimDevice::sendMessage(const SockAddress& hub, const MsgSelector& ms, const Bytes& body) {
-    size_t pieces = 0;
-    for (size_t pos = 0; pos < body.size(); pos += MAX_CARRIER_PAYLOAD) {
-        MessageCarrierPack p;
-        ms.copyTo(p);
-        p.msgSize = static_cast<uint32_t>(body.size());
-        p.checksum = messageChecksum(body.data(), static_cast<uint32_t>(body.size()));
-        p.packetStart = static_cast<uint32_t>(pos);
-        size_t len = std::min(MAX_CARRIER_PAYLOAD, body.size() - pos);
-        p.payload = ByteArray<326>(body.data() + pos, len);
+    size_t sent = 0;
+    for (MessageCarrierPack& p : packkit::pieces(ms, body)) {
         if (!send(hub, p)) break;
-        ++pieces;
+        ++sent;
     }
-    return pieces;
+    return sent;
 }
 
 bool SimDevice::receiveMessage(MsgSelector& ms, Bytes& body, uint32_t timeoutMs) {
     body.clear();
     size_t held = 0;
-    for (int guard = 0; guard < 64; ++guard) {
+    for (int guard = 0; guard < 64 && (body.empty() || held < body.size()); ++guard) {
         MessageCarrierPack p;
         if (!receive(p, timeoutMs)) return false;
         if (p.packetStart == 0) {
@@ -143,16 +57,39 @@ bool SimDevice::receiveMessage(MsgSelector& ms, Bytes& body, uint32_t timeoutMs)
         if (p.packetStart != held || held + p.payload.size() > body.size()) continue;
         memcpy(body.data() + held, p.payload.data(), p.payload.size());
         held += p.payload.size();
-        if (held == body.size()) break;
     }
     return !body.empty() && held == body.size();
 }
 
-MessageCarrierACKPack SimDevice::ackFor(const MsgSelector& ms, uint32_t lastSeqNo) {
-    MessageCarrierACKPack ack;
-    ms.copyTo(ack);
-    ack.lastSeqNo = lastSeqNo;
-    return ack;
+bool SimDevice::join(const ToHub& toHub, const std::string& domain, const ByteArray<32>& mainKey,
+                     uint64_t clientRand, uint32_t timeoutMs) {
+    nodeId = 0;
+    NewBornDevicePack born = newBorn("sp");
+    toHub(born);
+    AdoptionOfferPack offer;
+    if (!receive(offer, timeoutMs)) return false;
+    NetworkJoinPack request = joinRequest(domain, clientRand);
+    toHub(request);
+    JoinAcceptedPack accepted;
+    if (!receive(accepted, timeoutMs)) return false;
+    nodeId = accepted.nodeId;
+    sessionKey = recoverSessionKey(accepted, clientRand, mainKey);
+    return true;
+}
+
+bool SimDevice::configure(const ToHub& toHub, uint8_t objects, uint8_t sigType, uint32_t timeoutMs) {
+    ConfigSummaryPack summary = configSummary(objects);
+    summary.signature.setKey(sigType, sessionKey.data(), sessionKey.size());
+    toHub(summary);
+    for (uint8_t n = 0; n < objects; ++n) {
+        GetObjectInfoPack ask;
+        if (!receive(ask, timeoutMs) || ask.objectNo != n) return false;
+        ObjectInfoPack info = objectInfo(n, "obj" + std::to_string(n), "if");
+        info.signature.setKey(sigType, sessionKey.data(), sessionKey.size());
+        toHub(info);
+    }
+    ConfigurationCompletePack done;
+    return receive(done, timeoutMs);
 }
 
 }  // namespace testsupport

@@ -1,41 +1,26 @@
 // A simulated device for the tests: one real UDP socket on 127.0.0.1 (an
-// ephemeral port), the device side of the packs, and the recovery of the
-// session key from a join acceptance. Every receive is bounded by a time-out in
-// milliseconds. Uses the protocol library only, never the hub's globals.
+// ephemeral port) sending the packs the pack kit builds, and reading what the
+// hub answers. Every receive is bounded by a time-out in milliseconds. Uses the
+// protocol library and the device library's key handling, never the hub's globals.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
-#include <vector>
 
+#include "Device/PackKit.h"
 #include "Velto/UdpSocket.h"
-#include "Velto/Velto.h"
-#include "Velto/msg_sequencers.h"
 
 namespace testsupport {
 
-typedef std::vector<uint8_t> Bytes;
-
-// n key bytes: first, first + step, first + 2 * step, ... (mod 256).
-inline ByteArray<32> keyBytes(size_t n, uint8_t first, uint8_t step = 0) {
-    ByteArray<32> a;
-    for (size_t i = 0; i < n; ++i) a[i] = static_cast<uint8_t>(first + step * i);
-    a.setSize(n);
-    return a;
-}
+using packkit::Bytes;
+using packkit::keyBytes;
 
 // Port of a bound socket, 0 when it cannot be had.
 uint16_t boundPort(const UdpSocket& sock);
-
-// Serialises pack into its wire bytes (signed when its signature was keyed);
-// empty when the pack does not fit in 400 bytes.
-Bytes encodePack(VeltoPacket& pack);
-
-// SHA-1 over clientRand (8 bytes, least significant first), mainKey and
-// svrRand (likewise): the key a join acceptance carries the session key under.
-void joinTransportKey(uint64_t clientRand, const uint8_t* mainKey, size_t mainKeyLen, uint64_t svrRand,
-                      uint8_t out[20]);
-// The session key carried by ja, recovered with the device's main key.
+inline Bytes encodePack(VeltoPacket& pack) { return packkit::encode(pack); }
+// The session key carried by ja, recovered with the device's main key (empty
+// when the algorithm is unknown).
 ByteArray<32> recoverSessionKey(const JoinAcceptedPack& ja, uint64_t clientRand, const ByteArray<32>& mainKey);
 
 class SimDevice {
@@ -45,22 +30,27 @@ public:
 
     bool ok() const { return sock.ok(); }
     const std::string& duid() const { return duidText; }
-    // 127.0.0.1 and the device's port.
-    SockAddress address() const;
+    SockAddress address() const { return SockAddress("127.0.0.1", boundPort(sock)); }
 
-    // The packs a device sends, filled with this device's DUID and node id.
-    NewBornDevicePack newBorn(const std::string& specs) const;
-    NetworkJoinPack joinRequest(const std::string& domain, uint64_t clientRand) const;
-    ConfigSummaryPack configSummary(uint8_t noOfObjects) const;
-    ObjectInfoPack objectInfo(uint8_t objectNo, const std::string& name, const std::string& iface) const;
+    NewBornDevicePack newBorn(const std::string& specs) const { return packkit::newBorn(duidText, specs); }
+    NetworkJoinPack joinRequest(const std::string& domain, uint64_t clientRand) const {
+        return packkit::joinRequest(duidText, domain, clientRand);
+    }
+    ConfigSummaryPack configSummary(uint8_t n) const { return packkit::configSummary(duidText, n); }
+    ObjectInfoPack objectInfo(uint8_t n, const std::string& name, const std::string& iface) const {
+        return packkit::objectInfo(n, name, iface);
+    }
 
-    // Stamps devId with the node id and serialises (see encodePack).
-    Bytes encode(VeltoPacket& pack) const;
-    // Stamps devId with the node id and sends to hub; true when sent.
+    // Stamps devId with the node id and serialises (signed when keyed).
+    Bytes encode(VeltoPacket& pack) const {
+        pack.devId = nodeId;
+        return packkit::encode(pack);
+    }
+    // Encodes and sends to hub; true when sent.
     bool send(const SockAddress& hub, VeltoPacket& pack);
     // Next datagram within timeoutMs; empty on time-out.
     Bytes receiveRaw(uint32_t timeoutMs);
-    // Next datagram within timeoutMs, decoded as T (signature checked with the
+    // Next datagram within timeoutMs decoded as T (signature checked with the
     // key set on pack beforehand, if any). False on time-out, another pack id or
     // a datagram that does not decode.
     template <typename T>
@@ -68,17 +58,27 @@ public:
         Bytes d = receiveRaw(timeoutMs);
         return !d.empty() && d[0] == T::PACK_ID && pack.deserialize(d.data(), d.size(), true) > 1;
     }
-
-    // Sends a whole direct message as carrier pieces of at most 326 bytes (all
-    // at once; no acknowledgement is awaited). Returns the number of pieces sent.
+    // Sends every piece of a message at once. Returns the number of pieces sent.
     size_t sendMessage(const SockAddress& hub, const MsgSelector& ms, const Bytes& body);
-    // Collects the carrier pieces of one message sent down by the hub, in the
-    // order they come, until msgSize bytes are held contiguously. False when a
-    // piece is missing within timeoutMs per piece. On success ms and body hold
-    // the message (no acknowledgement is sent: see ackFor).
+    // Collects the pieces of one message sent down by the hub until msgSize
+    // bytes are held in order; false when a piece misses timeoutMs. Sends no
+    // acknowledgement.
     bool receiveMessage(MsgSelector& ms, Bytes& body, uint32_t timeoutMs = 2000);
-    // The acknowledgement of the message ms up to lastSeqNo.
-    static MessageCarrierACKPack ackFor(const MsgSelector& ms, uint32_t lastSeqNo);
+
+    // The join exchange: announcement, offer, join request, acceptance. Each
+    // pack goes to the hub through toHub; answers are read from this socket
+    // within timeoutMs each. On success sets nodeId and sessionKey (recovered
+    // with mainKey, the key the hub holds for the device) and returns true.
+    typedef std::function<void(VeltoPacket&)> ToHub;
+    bool join(const ToHub& toHub, const std::string& domain, const ByteArray<32>& mainKey, uint64_t clientRand,
+              uint32_t timeoutMs = 2000);
+    // The configuration exchange with objects "obj<n>" of interface "if", every
+    // pack signed with sigType under the session key; true when the hub
+    // completed it.
+    bool configure(const ToHub& toHub, uint8_t objects, uint8_t sigType = 0, uint32_t timeoutMs = 2000);
+    static MessageCarrierACKPack ackFor(const MsgSelector& ms, uint32_t lastSeqNo) {
+        return packkit::ackOf(ms, lastSeqNo);
+    }
 
     DeviceID nodeId = 0;
     ByteArray<32> sessionKey;

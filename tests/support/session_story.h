@@ -129,41 +129,4 @@ public:
     DeviceID id = 0;
 };
 
-// A virtual client that records what reaches it and can demand a level.
-class RecordingClient : public VirtualClient {
-public:
-    struct Subscription {
-        uint8_t objectNo;
-        uint16_t msgId;
-        DeviceID subscriber;
-        bool subscribe;
-    };
-
-    explicit RecordingClient(bool* destroyedFlag = nullptr, uint8_t level = 1)
-        : destroyed(destroyedFlag), requiredLevel(level) {}
-    ~RecordingClient() override {
-        if (destroyed) *destroyed = true;
-    }
-
-    void deliverMessage(const MsgSelector& ms, std::shared_ptr<unsigned char>& msg, uint32_t size) override {
-        delivered.push_back(ms);
-        bodies.push_back(std::vector<uint8_t>(msg.get(), msg.get() + size));
-    }
-    bool subscribeToNotification(uint8_t objectNo, uint16_t msgId, DeviceID subscriber, bool subscribe) override {
-        subscriptions.push_back({objectNo, msgId, subscriber, subscribe});
-        return true;
-    }
-    void deviceHadBeenRemoved(DeviceID id) override { removed.push_back(id); }
-    uint8_t requiredNotificationAccess(uint8_t, MessageID) override { return requiredLevel; }
-
-    std::vector<MsgSelector> delivered;
-    std::vector<std::vector<uint8_t>> bodies;
-    std::vector<Subscription> subscriptions;
-    std::vector<DeviceID> removed;
-
-private:
-    bool* destroyed;
-    uint8_t requiredLevel;
-};
-
 }  // namespace sessionstory

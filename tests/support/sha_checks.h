@@ -103,18 +103,11 @@ struct ShaChecks {
         EXPECT_EQ(toHex(e.result(), LEN), emptyHex);
     }
 
-    // A key longer than the 64-byte block acts as its digest; a 64-byte key is
-    // used as it is; a key padded with zeros up to the block is the same key.
-    static void hmacKeyRules(uint8_t mul, uint8_t add) {
-        std::vector<uint8_t> longKey(70);
-        for (size_t i = 0; i < longKey.size(); ++i) longKey[i] = static_cast<uint8_t>(i * mul + add);
-        EXPECT_EQ(hmac(longKey, "payload"), hmac(digestOf(longKey), "payload"));
-        std::vector<uint8_t> blockKey(64, 0x42);
+    // A key of exactly the 64-byte block is used as it is, not hashed (the
+    // published vectors cover short keys and keys longer than a block).
+    static void hmacKeyRules(uint8_t fill) {
+        std::vector<uint8_t> blockKey(64, fill);
         EXPECT_NE(hmac(blockKey, "payload"), hmac(digestOf(blockKey), "payload"));
-        std::vector<uint8_t> shortKey(10, 0x42);
-        std::vector<uint8_t> padded = shortKey;
-        padded.resize(64, 0);
-        EXPECT_EQ(hmac(shortKey, "m"), hmac(padded, "m"));
     }
 
 private:

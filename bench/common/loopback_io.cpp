@@ -1,5 +1,5 @@
-// Encoding the benchmark's packs and moving datagrams on loopback sockets.
-#include "bench/common/velto_packets.h"
+// Moving datagrams on loopback sockets.
+#include "bench/common/loopback_io.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -11,54 +11,6 @@
 #include <cstring>
 
 namespace bench {
-
-int encodePack(VeltoPacket& p, DeviceID headerDev, uint32_t packetNo, uint8_t* out, size_t cap) {
-    p.devId = headerDev;
-    p.packetNo = packetNo;
-    return p.serialize(out, cap);
-}
-
-int encodeCarrier(uint8_t* out, size_t cap, DeviceID headerDev, uint32_t packetNo, DeviceID from, DeviceID to,
-                  MessageNo msgNo, const uint8_t* data, uint32_t len) {
-    MessageCarrierPack c;
-    if (len > c.payload.capacity()) return -1;
-    c.msgCat = DIRECT_MSGCAT;
-    c.fromDeviceId = from;
-    c.fromObjectNo = 0;
-    c.msgId = BENCH_MSG_ID;
-    c.toDeviceId = to;
-    c.toObjectNo = 0;
-    c.msgNo = msgNo;
-    c.packetStart = 0;
-    c.msgSize = len;
-    uint32_t sum = 0;
-    for (uint32_t i = 0; i < len; ++i) sum += data[i];
-    c.checksum = sum;
-    std::memcpy(c.payload.data(), data, len);
-    c.payload.setSize(len);
-    return encodePack(c, headerDev, packetNo, out, cap);
-}
-
-int encodeAck(uint8_t* out, size_t cap, DeviceID headerDev, uint32_t packetNo, const MessageCarrierPack& c) {
-    MessageCarrierACKPack a;
-    a.msgCat = c.msgCat;
-    a.fromDeviceId = c.fromDeviceId;
-    a.fromObjectNo = c.fromObjectNo;
-    a.msgId = c.msgId;
-    a.toDeviceId = c.toDeviceId;
-    a.toObjectNo = c.toObjectNo;
-    a.msgNo = c.msgNo;
-    a.lastSeqNo = c.msgSize;
-    return encodePack(a, headerDev, packetNo, out, cap);
-}
-
-int encodePing(uint8_t* out, size_t cap, DeviceID headerDev, uint32_t packetNo, uint8_t kind, uint64_t replyKey) {
-    PingPongPack p;
-    p.pingOrPong = kind;
-    p.replyKey = replyKey;
-    p.random = replyKey ^ 0x9e3779b97f4a7c15ull;
-    return encodePack(p, headerDev, packetNo, out, cap);
-}
 
 sockaddr_in loopbackAddress(uint16_t port) {
     sockaddr_in a;
