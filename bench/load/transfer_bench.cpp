@@ -20,7 +20,7 @@
 #include "bench/common/bench_clock.h"
 #include "bench/common/cli_args.h"
 #include "bench/common/result_line.h"
-#include "bench/common/velto_packets.h"
+#include "bench/common/loopback_io.h"
 #include "bench/driver/processes.h"
 #include "bench/load/scale_fleet.h"
 
