@@ -37,6 +37,7 @@ int main(int, char**) {
     mainThread(sock);
 
     serviceNotifier().notify("STOPPING=1");
+    specDb.stopDownloads();  // a download under way is abandoned, not waited for
     clientMgr.flushAll();
     flushOutput();
     return 0;

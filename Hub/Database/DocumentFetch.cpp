@@ -33,18 +33,25 @@ size_t writeToFetch(char* ptr, size_t size, size_t nmemb, void* userdata) {
 HttpTransfers::HttpTransfers() {}
 
 HttpTransfers::~HttpTransfers() {
+    stop();
+    if (wakeFd >= 0) ::close(wakeFd);
+}
+
+void HttpTransfers::stop() {
     stopping = true;
     if (worker.joinable()) {
         curl_multi_wakeup(multi);
         worker.join();
     }
-    if (multi) curl_multi_cleanup(multi);  // detaches what is left
-    if (wakeFd >= 0) ::close(wakeFd);
+    if (multi) curl_multi_cleanup(multi);  // detaches what is left and closes its connections
+    multi = nullptr;
+    removedCv.notify_all();
 }
 
 // The helper thread starts with the first transfer: programs that never
 // download never have it.
 bool HttpTransfers::add(CURL* handle) {
+    if (stopping) return false;
     if (multi == nullptr) multi = curl_multi_init();
     if (wakeFd < 0) wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (multi == nullptr || wakeFd < 0 || stopping) return false;

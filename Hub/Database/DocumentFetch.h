@@ -47,6 +47,11 @@ public:
     int wait(int extraFd, uint64_t micros);
     // Number of transfers under way.
     size_t active() const { return running; }
+    // Abandons every transfer and ends the helper thread (at once: it only
+    // waits inside the library's non-blocking calls). Call before the process
+    // exits, so the TLS library is not torn down under a running transfer.
+    // Nothing can be fetched afterwards.
+    void stop();
 
 private:
     friend class DocumentFetch;

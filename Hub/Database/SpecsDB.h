@@ -76,6 +76,8 @@ public:
     // Waits up to micros for download traffic or for extraFd to become
     // readable (see HttpTransfers::wait): 1 when extraFd is, 0, -1 on error.
     int waitForDownloads(int extraFd, uint64_t micros) { return transfers.wait(extraFd, micros); }
+    // Abandons the downloads under way, for good (see HttpTransfers::stop).
+    void stopDownloads() { transfers.stop(); }
 
     // The parsing halves of interfaceString and loadRightsForInterface, on a
     // document already on disk (a path that does not open fails the parse).
