@@ -117,8 +117,7 @@ TEST_F(DeviceSessionTest, AnswersPingsAndRejoinsWhenTheHubLeavesAPingUnanswered)
     send(ping);
     PingPongPack pong, own;
     ASSERT_TRUE(expect(pong));
-    EXPECT_EQ(PingPongPack::PONG, pong.pingOrPong);
-    EXPECT_EQ(4242u, pong.replyKey);
+    EXPECT_TRUE(pong.pingOrPong == PingPongPack::PONG && pong.replyKey == 4242u);
     ASSERT_TRUE(session->subscribe(1001, 2, 7, true));
     int64_t cut = session->sendDirect(1001, 0, 1, {1, 2, 3});
     int64_t waiting = session->sendDirect(1001, 0, 2, {4, 5});
@@ -189,10 +188,8 @@ TEST_F(DeviceSessionTest, ReportsErrorPacksAndSurvivesWhatDoesNotBelong) {
     ASSERT_EQ(1u, errors.size());
     EXPECT_EQ(3, errors[0].toObjectNo);
     EXPECT_EQ("denied", errors[0].text);
-    EXPECT_NE(std::string::npos, diags.find("unexpected pack 1")) << diags;
-    EXPECT_NE(std::string::npos, diags.find("for node 1234")) << diags;
-    EXPECT_NE(std::string::npos, diags.find("not the hub")) << diags;
-    EXPECT_NE(std::string::npos, diags.find("too short")) << diags;
+    for (const char* noted : {"unexpected pack 1", "for node 1234", "not the hub", "too short"})
+        EXPECT_NE(std::string::npos, diags.find(noted)) << diags;
     EXPECT_EQ(DeviceSession::State::READY, session->state());
     ASSERT_GE(session->sendDirect(1001, 0, 1, {1, 2, 3}), 1);
     MessageCarrierPack p;
