@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <sstream>
 #include <vector>
 
@@ -18,10 +19,7 @@ namespace {
 
 std::vector<std::string> listing(const std::string& dir) {
     std::vector<std::string> names;
-    getdir(dir, names);
-    names.erase(std::remove_if(names.begin(), names.end(),
-                               [](const std::string& n) { return n == "." || n == ".."; }),
-                names.end());
+    for (const auto& e : std::filesystem::directory_iterator(dir)) names.push_back(e.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
