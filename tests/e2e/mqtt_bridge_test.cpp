@@ -84,30 +84,21 @@ protected:
 
 }  // namespace
 
-// The hub answers the object-information request with the lamp's object and
-// the interface identifier of its stored specification; an unknown node has
-// no objects.
-TEST_F(MqttBridge, TheHubDescribesTheObjectsOfANode) {
+// The hub describes a node's objects with the interface identifiers of its
+// stored specification (an unknown node has none). Discovery configs, the
+// bridge's state and the lamp's availability are retained; a notification
+// reaches its topic decoded; every set becomes the right direct message or
+// one event saying why not.
+TEST_F(MqttBridge, ObjectInfoDiscoveryNotificationsAndSets) {
     DeviceSession& l = lamp();
     ASSERT_TRUE(joinAll()) << hub.err();
-    BasicObjectInfoMsg info;
-    ASSERT_TRUE(l.requestObjectInfo(l.nodeId(), info, 3000)) << l.lastError();
-    EXPECT_EQ(l.nodeId(), info.nodeId);
-    ASSERT_EQ(1u, info.objects.size());
-    EXPECT_EQ("light", info.objects[0].name.str());
-    EXPECT_EQ("switchable", info.objects[0].interface.str());
-    EXPECT_EQ("ex/Switchable.1", info.objects[0].interfaceId.str());
-    BasicObjectInfoMsg none;
-    ASSERT_TRUE(l.requestObjectInfo(4321, none, 3000)) << l.lastError();
+    BasicObjectInfoMsg info, none;
+    ASSERT_TRUE(l.requestObjectInfo(l.nodeId(), info, 3000) && l.requestObjectInfo(4321, none, 3000)) << l.lastError();
     EXPECT_TRUE(none.objects.empty());
-}
-
-// Discovery configs, the bridge's state and the lamp's availability are
-// retained; a notification reaches its topic decoded; every set becomes the
-// right direct message or one event saying why not.
-TEST_F(MqttBridge, DiscoveryNotificationsAndSets) {
-    lamp();
-    ASSERT_TRUE(joinAll()) << hub.err();
+    ASSERT_EQ(1u, info.objects.size());
+    EXPECT_EQ(l.nodeId(), info.nodeId);
+    const BasicObjectInfo& o = info.objects[0];
+    EXPECT_EQ("light switchable ex/Switchable.1", o.name.str() + " " + o.interface.str() + " " + o.interfaceId.str());
     // A set left retained on the broker is ignored when the bridge subscribes.
     ChildProcess& early = subscribe("velto/bridge/event");
     publish("velto/lamp-01/light/power/set", "{\"on\": false}", true);
