@@ -27,22 +27,11 @@ std::string encodeHex(const std::vector<MessageFieldInfo>& f, const std::string&
 }  // namespace
 
 TEST(FieldCodec, EveryTypeRoundTripsWithItsExactBytes) {
-    struct Case {
-        const char* type;
-        const char* value;
-        const char* hex;
-    } cases[] = {
-        {"uint8", "255", "ff"},
-        {"uint16", "258", "0102"},
-        {"uint32", "16909060", "01020304"},
-        {"uint64", "18446744073709551615", "ffffffffffffffff"},
-        {"int8", "-1", "ff"},
-        {"int16", "-2", "fffe"},
-        {"int32", "-16909060", "fefdfcfc"},
-        {"int64", "-9223372036854775808", "8000000000000000"},
-        {"bool", "true", "01"},
-        {"bool", "false", "00"},
-        {"string", "\"hi\"", "686900"},
+    struct Case { const char* type; const char* value; const char* hex; } cases[] = {
+        {"uint8", "255", "ff"}, {"uint16", "258", "0102"}, {"uint32", "16909060", "01020304"},
+        {"uint64", "18446744073709551615", "ffffffffffffffff"}, {"int8", "-1", "ff"}, {"int16", "-2", "fffe"},
+        {"int32", "-16909060", "fefdfcfc"}, {"int64", "-9223372036854775808", "8000000000000000"},
+        {"bool", "true", "01"}, {"bool", "false", "00"}, {"string", "\"hi\"", "686900"},
         {"bytes", "\"beef\"", "02beef"},
     };
     for (const Case& c : cases) {
@@ -56,11 +45,7 @@ TEST(FieldCodec, EveryTypeRoundTripsWithItsExactBytes) {
 }
 
 TEST(FieldCodec, BadValuesAreRefusedWithAReason) {
-    struct Case {
-        std::initializer_list<const char*> types;
-        const char* in;
-        const char* why;
-    } cases[] = {
+    struct Case { std::initializer_list<const char*> types; const char* in; const char* why; } cases[] = {
         {{"uint8"}, "{\"f0\": 256}", "field f0 is not a uint8"},
         {{"int8"}, "{\"f0\": -129}", "field f0 is not a int8"},
         {{"uint16"}, "{\"f0\": -1}", "field f0 is not a uint16"},
@@ -104,25 +89,14 @@ TEST(TopicNames, LevelsAndIdsKeepOnlyTheirAlphabet) {
 }
 
 TEST(Discovery, EachKindOfMessageBecomesItsEntity) {
-    struct Case {
-        uint8_t kind, direction;
-        std::initializer_list<const char*> types;
-        const char* component;
-    } cases[] = {
-        {1, 2, {"uint8", "bool"}, "sensor"},
-        {1, 0, {"float"}, "sensor"},
-        {2, 1, {}, "button"},
-        {2, 1, {"int16"}, "number"},
-        {2, 1, {"bool"}, "switch"},
-        {2, 1, {"string"}, "text"},
-        {2, 1, {"bytes"}, ""},
-        {2, 1, {"bool", "bool"}, ""},
-        {2, 2, {"bool"}, ""},
-        {2, 1, {"float"}, ""},
+    struct Case { uint8_t kind, direction; std::initializer_list<const char*> types; const char* entity; } cases[] = {
+        {1, 2, {"uint8", "bool"}, "sensor"}, {1, 0, {"float"}, "sensor"}, {2, 1, {}, "button"},
+        {2, 1, {"int16"}, "number"}, {2, 1, {"bool"}, "switch"}, {2, 1, {"string"}, "text"},
+        {2, 1, {"bytes"}, ""}, {2, 1, {"bool", "bool"}, ""}, {2, 2, {"bool"}, ""}, {2, 1, {"float"}, ""},
     };
     for (const Case& c : cases) {
         VeltoMessageInfo m;
         m.type = c.kind, m.direction = c.direction, m.fields = fields(c.types);
-        EXPECT_EQ(c.component, componentFor(m)) << int(c.kind) << " " << m.fields.size();
+        EXPECT_EQ(c.entity, componentFor(m)) << int(c.kind) << " " << m.fields.size();
     }
 }

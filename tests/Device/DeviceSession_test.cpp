@@ -39,9 +39,7 @@ protected:
     void joinFully(SessionTiming t) {
         ASSERT_TRUE(hub.bind(SockAddress("127.0.0.1", 0), false));
         DeviceConfig c;
-        c.duid = "lamp-01";
-        c.specs = "t1";
-        c.discover = false;
+        c.duid = "lamp-01", c.specs = "t1", c.discover = false;
         c.hub = SockAddress("127.0.0.1", testsupport::boundPort(hub));
         c.objects = {DeviceObject{"light", "sw.1", 0, 0}};
         session.reset(new DeviceSession(c, t));
@@ -55,9 +53,7 @@ protected:
     }
     void offerFrom(UdpSocket& from) {
         AdoptionOfferPack offer;
-        offer.duid = "lamp-01";
-        offer.domain = DEFAULT_DOMAIN;
-        offer.hubId = 17;
+        offer.duid = "lamp-01", offer.domain = DEFAULT_DOMAIN, offer.hubId = 17;
         testsupport::Bytes o = testsupport::encodePack(offer);
         from.sendTo(device, o.data(), o.size());
     }
@@ -67,9 +63,7 @@ protected:
         NetworkJoinPack join;
         ASSERT_TRUE(expect(join));
         JoinAcceptedPack acc;
-        acc.duid = join.duid;
-        acc.nodeId = 1000;
-        acc.encAlg = NO_ENCRYPTION_TYPE;
+        acc.duid = join.duid, acc.nodeId = 1000, acc.encAlg = NO_ENCRYPTION_TYPE;
         acc.sessionKey = testsupport::keyBytes(32, 50, 1);
         send(acc);
         ConfigSummaryPack cs;
@@ -101,10 +95,7 @@ protected:
 // (a stranger's offer changes nothing), renews its subscriptions and sends it.
 TEST_F(DeviceSessionTest, AnswersPingsAndRejoinsWhenTheHubLeavesAPingUnanswered) {
     SessionTiming t;
-    t.pingAfterMs = 150;
-    t.pingAnswerMs = 300;
-    t.rejoinFirstMs = 400;
-    t.rejoinSettleMs = 100;
+    t.pingAfterMs = 150, t.pingAnswerMs = 300, t.rejoinFirstMs = 400, t.rejoinSettleMs = 100;
     joinFully(t);
     if (HasFatalFailure()) return;
     std::vector<bool> changes;
@@ -112,13 +103,11 @@ TEST_F(DeviceSessionTest, AnswersPingsAndRejoinsWhenTheHubLeavesAPingUnanswered)
     session->onSessionChange([&](bool up) { changes.push_back(up); });
     session->onDelivery([&](const DeliveryResult& r) { results.push_back(r); });
     PingPongPack ping;
-    ping.pingOrPong = PingPongPack::PING;
-    ping.replyKey = 4242;
+    ping.pingOrPong = PingPongPack::PING, ping.replyKey = 4242;
     send(ping);
     PingPongPack pong, own;
     ASSERT_TRUE(expect(pong));
-    EXPECT_EQ(PingPongPack::PONG, pong.pingOrPong);
-    EXPECT_EQ(4242u, pong.replyKey);
+    EXPECT_TRUE(pong.pingOrPong == PingPongPack::PONG && pong.replyKey == 4242u);
     ASSERT_TRUE(session->subscribe(1001, 2, 7, true));
     int64_t cut = session->sendDirect(1001, 0, 1, {1, 2, 3});
     int64_t waiting = session->sendDirect(1001, 0, 2, {4, 5});
@@ -166,17 +155,12 @@ TEST_F(DeviceSessionTest, ReportsErrorPacksAndSurvivesWhatDoesNotBelong) {
     joinFully(SessionTiming());
     if (HasFatalFailure()) return;
     MessageErrorPack e;
-    e.errorCode = MessageErrorPack::PERMISSION_DENIED;
-    e.toNodeId = 1000;
-    e.toObjectNo = 3;
-    e.optErorMsg = "denied";
+    e.errorCode = MessageErrorPack::PERMISSION_DENIED, e.toNodeId = 1000, e.toObjectNo = 3, e.optErorMsg = "denied";
     send(e);
     NewBornDevicePack stray;
     send(stray);
     MessageCarrierPack foreign;
-    foreign.msgCat = DIRECT_MSGCAT;
-    foreign.toDeviceId = 1234;
-    foreign.msgSize = 1;
+    foreign.msgCat = DIRECT_MSGCAT, foreign.toDeviceId = 1234, foreign.msgSize = 1;
     foreign.payload.setSize(1);
     send(foreign);
     UdpSocket other;
@@ -187,12 +171,9 @@ TEST_F(DeviceSessionTest, ReportsErrorPacksAndSurvivesWhatDoesNotBelong) {
     hub.sendTo(device, junk, sizeof junk);
     for (int i = 0; i < 20; ++i) session->poll(5);
     ASSERT_EQ(1u, errors.size());
-    EXPECT_EQ(3, errors[0].toObjectNo);
-    EXPECT_EQ("denied", errors[0].text);
-    EXPECT_NE(std::string::npos, diags.find("unexpected pack 1")) << diags;
-    EXPECT_NE(std::string::npos, diags.find("for node 1234")) << diags;
-    EXPECT_NE(std::string::npos, diags.find("not the hub")) << diags;
-    EXPECT_NE(std::string::npos, diags.find("too short")) << diags;
+    EXPECT_TRUE(errors[0].toObjectNo == 3 && errors[0].text == "denied");
+    for (const char* noted : {"unexpected pack 1", "for node 1234", "not the hub", "too short"})
+        EXPECT_NE(std::string::npos, diags.find(noted)) << diags;
     EXPECT_EQ(DeviceSession::State::READY, session->state());
     ASSERT_GE(session->sendDirect(1001, 0, 1, {1, 2, 3}), 1);
     MessageCarrierPack p;

@@ -58,13 +58,9 @@ TEST(MessageInbox, OneAcknowledgementPerRound) {
         InboxOutcome o;
         EXPECT_TRUE(inbox.take(piece(st.pos), o)) << st.pos << " at " << st.atMs;
         EXPECT_EQ(st.ack >= 0, o.sendAck) << st.pos << " at " << st.atMs;
-        if (st.ack >= 0) {
-            EXPECT_EQ(st.ack, o.ackPos) << st.pos << " at " << st.atMs;
-        }
+        if (st.ack >= 0) { EXPECT_EQ(st.ack, o.ackPos) << st.pos << " at " << st.atMs; }
         EXPECT_EQ(st.complete, o.complete);
-        if (o.complete) {
-            EXPECT_EQ(MSG, o.message.data);
-        }
+        if (o.complete) { EXPECT_EQ(MSG, o.message.data); }
     }
     setClockOffsetForTesting(0);
     MessageInbox small{500};

@@ -37,12 +37,7 @@ TEST_F(ServerTest, NewBornWithAWrongSignatureIsStillAdopted) {
 // for). A wrong HMAC, or HMAC-SHA256 even with the right key: dropped with one
 // line on standard error.
 TEST_F(ServerTest, ConfigSummarySignaturePolicy) {
-    const struct {
-        const char* duid;
-        uint8_t sigType;
-        bool wrong;
-        const char* err;
-    } cases[] = {
+    const struct { const char* duid; uint8_t sigType; bool wrong; const char* err; } cases[] = {
         {"srv-cfg0", NO_SIGNATURE_TYPE, false, ""},
         {"srv-cfg1ok", HMAC_SHA1_TYPE, false, ""},
         {"srv-cfg1bad", HMAC_SHA1_TYPE, true,
@@ -75,7 +70,8 @@ TEST_F(ServerTest, CarrierWithAWrongHmacIsLoggedAndStillDelivered) {
     p.msgSize = 7;
     p.payload = ByteArray<326>(reinterpret_cast<const uint8_t*>("hello b"), 7);
     CapturedOutput log = outputOf([&] { deliverSigned(a, p, HMAC_SHA1_TYPE, &wrongKey); });
-    EXPECT_NE(std::string::npos, log.err.find("ERROR ! Failed to verify signature for Packet ID 31 have signature type: 1\n"));
+    EXPECT_NE(std::string::npos,
+              log.err.find("ERROR ! Failed to verify signature for Packet ID 31 have signature type: 1\n"));
     MsgSelector ms;
     Bytes body;
     ASSERT_TRUE(takeMessage(b, ms, body));

@@ -6,28 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
-#include "tests/support/child_process.h"
-#include "tests/support/test_support.h"
+#include "tests/support/device_scenario.h"
 
 using namespace testsupport;
 
 namespace {
-
-// Bytes that are not all printable, so the simulator shows them as hex.
-std::string hexPattern(size_t n, unsigned seed) {
-    static const char* digits = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(2 * n);
-    for (size_t i = 0; i < n; ++i) {
-        const unsigned b = (i * 7 + seed * 31 + (i >> 9)) & 0xFF;
-        hex += digits[b >> 4];
-        hex += digits[b & 15];
-    }
-    return hex;
-}
 
 size_t occurrences(const std::string& text, const std::string& what) {
     size_t n = 0;
@@ -67,14 +50,10 @@ protected:
 }  // namespace
 
 TEST_F(LossyLink, LongMessagesArriveIntactWithinTheirBounds) {
-    struct Case {
-        size_t size;
-        int withinMs;
-    };
-    const Case cases[] = {{65536, 5000}, {1000000, 30000}};
-    unsigned seed = 1;
+    const struct Case { size_t size; int withinMs; } cases[] = {{65536, 5000}, {1000000, 30000}};
+    uint8_t seed = 1;
     for (const Case& c : cases) {
-        const std::string hex = hexPattern(c.size, seed++);
+        const std::string hex = hexOf(pattern(c.size, seed++));  // not all printable: shown as hex
         dev[0].writeLine("send " + nodeB + "/0 5 hex:" + hex);
         EXPECT_TRUE(dev[1].waitForOutput("size " + std::to_string(c.size) + ": hex:" + hex + "\n", c.withinMs))
             << c.size << " bytes\n" << dev[1].err().substr(0, 2000) << dev[0].err().substr(0, 2000);

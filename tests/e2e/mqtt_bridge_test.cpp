@@ -84,30 +84,21 @@ protected:
 
 }  // namespace
 
-// The hub answers the object-information request with the lamp's object and
-// the interface identifier of its stored specification; an unknown node has
-// no objects.
-TEST_F(MqttBridge, TheHubDescribesTheObjectsOfANode) {
+// The hub describes a node's objects with the interface identifiers of its
+// stored specification (an unknown node has none). Discovery configs, the
+// bridge's state and the lamp's availability are retained; a notification
+// reaches its topic decoded; every set becomes the right direct message or
+// one event saying why not.
+TEST_F(MqttBridge, ObjectInfoDiscoveryNotificationsAndSets) {
     DeviceSession& l = lamp();
     ASSERT_TRUE(joinAll()) << hub.err();
-    BasicObjectInfoMsg info;
-    ASSERT_TRUE(l.requestObjectInfo(l.nodeId(), info, 3000)) << l.lastError();
-    EXPECT_EQ(l.nodeId(), info.nodeId);
-    ASSERT_EQ(1u, info.objects.size());
-    EXPECT_EQ("light", info.objects[0].name.str());
-    EXPECT_EQ("switchable", info.objects[0].interface.str());
-    EXPECT_EQ("ex/Switchable.1", info.objects[0].interfaceId.str());
-    BasicObjectInfoMsg none;
-    ASSERT_TRUE(l.requestObjectInfo(4321, none, 3000)) << l.lastError();
+    BasicObjectInfoMsg info, none;
+    ASSERT_TRUE(l.requestObjectInfo(l.nodeId(), info, 3000) && l.requestObjectInfo(4321, none, 3000)) << l.lastError();
     EXPECT_TRUE(none.objects.empty());
-}
-
-// Discovery configs, the bridge's state and the lamp's availability are
-// retained; a notification reaches its topic decoded; every set becomes the
-// right direct message or one event saying why not.
-TEST_F(MqttBridge, DiscoveryNotificationsAndSets) {
-    lamp();
-    ASSERT_TRUE(joinAll()) << hub.err();
+    ASSERT_EQ(1u, info.objects.size());
+    EXPECT_EQ(l.nodeId(), info.nodeId);
+    const BasicObjectInfo& o = info.objects[0];
+    EXPECT_EQ("light switchable ex/Switchable.1", o.name.str() + " " + o.interface.str() + " " + o.interfaceId.str());
     // A set left retained on the broker is ignored when the bridge subscribes.
     ChildProcess& early = subscribe("velto/bridge/event");
     publish("velto/lamp-01/light/power/set", "{\"on\": false}", true);
@@ -132,31 +123,21 @@ TEST_F(MqttBridge, DiscoveryNotificationsAndSets) {
     ASSERT_GE(rec(0).session.notify(0, 1, {1, 66}), 0);
     EXPECT_TRUE(saw(all, " velto/lamp-01/light/state {\"level\":66,\"on\":true}")) << all.out();
 
-    struct Case {
-        const char* message;
-        const char* payload;
-        const char* bytesOrError;
-    } cases[] = {
-        {"power", "{\"on\": true}", "01"},
-        {"level", "{\"level\": 7}", "07"},
-        {"label", "{\"text\": \"hi\"}", "686900"},
-        {"blink", "{}", "00"},
-        {"level", "{\"level\": 300}", "field level is not a uint8"},
-        {"power", "nonsense", "the payload is not JSON"},
-        {"dim", "{}", "no such direct message"},
+    struct Case { const char* message; const char* payload; std::string bytesOrError; } cases[] = {
+        {"power", "{\"on\": true}", "01"}, {"level", "{\"level\": 7}", "07"}, {"label", "{\"text\": \"hi\"}", "686900"},
+        {"blink", "{}", "00"}, {"level", "{\"level\": 300}", "field level is not a uint8"},
+        {"power", "nonsense", "the payload is not JSON"}, {"dim", "{}", "no such direct message"},
     };
     for (const Case& c : cases) {
         rec(0).messages.clear();
         ChildProcess& events = subscribe("velto/bridge/event");
         publish(std::string("velto/lamp-01/light/") + c.message + "/set", c.payload);
-        std::string expected = c.bytesOrError;
-        bool bytes = expected.find(' ') == std::string::npos;
-        if (bytes) {
+        if (c.bytesOrError.find(' ') == std::string::npos) {
             ASSERT_TRUE(pumpUntil([&] { return !rec(0).messages.empty(); }, 5000)) << c.message;
-            EXPECT_EQ(expected, hexOf(rec(0).messages[0].data)) << c.message;
+            EXPECT_EQ(c.bytesOrError, hexOf(rec(0).messages[0].data)) << c.message;
             EXPECT_TRUE(saw(events, "\"outcome\":\"delivered\"")) << events.out();
         } else {
-            EXPECT_TRUE(saw(events, "\"error\":\"" + expected + "\"")) << events.out();
+            EXPECT_TRUE(saw(events, "\"error\":\"" + c.bytesOrError + "\"")) << events.out();
             EXPECT_TRUE(rec(0).messages.empty()) << c.message;
         }
     }

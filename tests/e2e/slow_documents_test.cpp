@@ -67,11 +67,8 @@ TEST_F(SlowDocuments, MisbehavingServersHoldUpOnlyTheirOwnDevices) {
     DeviceSession& asker = device(config("asker-01"));
     ASSERT_TRUE(joinAll()) << hub.err();
 
-    struct Case {
-        HttpServer& server;
-        const char* duid;
-        std::string failure;  // the line of the address the bound stopped
-    } cases[] = {
+    // failure: the line of the address at which the bound stopped the download.
+    struct Case { HttpServer& server; const char* duid; std::string failure; } cases[] = {
         // 5 s for each TLS handshake that never ends, the rest of the 30 s on the plain request.
         {hang, "hang-01", "Downloading http://" + specsOn(hang, "/a") + "/device.spec ... Failed. Error data size=0\n"
                           "Downloading stopped: 30 s spent on this document, 1 address(es) not tried\n"},

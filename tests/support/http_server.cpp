@@ -3,12 +3,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <sstream>
 #include <utility>
 
@@ -38,21 +36,6 @@ void readRequestHead(int fd, std::string& request) {
     }
 }
 
-std::string headerValue(const std::string& request, const std::string& name) {
-    std::istringstream lines(request);
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.size() > name.size() && strncasecmp(line.c_str(), name.c_str(), name.size()) == 0 &&
-            line[name.size()] == ':') {
-            size_t start = name.size() + 1;
-            while (start < line.size() && line[start] == ' ') ++start;
-            return line.substr(start);
-        }
-    }
-    return "";
-}
-
 void sendAll(int fd, const std::string& data) {
     size_t sent = 0;
     for (int tries = 0; sent < data.size() && tries < 1000; ++tries) {
@@ -79,11 +62,9 @@ HttpServer::HttpServer(Routes bodies, Mode mode)
     if (fd < 0) return;
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    sockaddr_in addr;
-    std::memset(&addr, 0, sizeof(addr));
+    sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
     socklen_t len = sizeof(addr);
     if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(fd, 16) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
@@ -112,11 +93,6 @@ void HttpServer::setBody(const std::string& path, const std::string& body) {
     bodies[path] = body;
 }
 
-void HttpServer::record(const std::string& entry) {
-    std::lock_guard<std::mutex> guard(lock);
-    seen.push_back(entry);
-}
-
 void HttpServer::run() {
     const auto end = std::chrono::steady_clock::now() + MAX_LIFETIME;
     int served = 0;
@@ -139,24 +115,22 @@ void HttpServer::serve(int fd) {
     std::string request;
     readRequestHead(fd, request);
     if (request.compare(0, 4, "GET ") != 0) {
-        record("NOT-HTTP");
+        std::lock_guard<std::mutex> guard(lock);
+        seen.push_back("NOT-HTTP");
         return;
     }
     const size_t pathEnd = request.find(' ', 4);
     const std::string path = request.substr(4, pathEnd == std::string::npos ? std::string::npos : pathEnd - 4);
-    record("GET " + headerValue(request, "Host") + " " + path);
-
-    if (mode == DRIP || mode == HUGE) return misbehave(fd);
-    if (mode == EMPTY_BODY) {
-        sendAll(fd, response(200, ""));
-        return;
+    std::unique_lock<std::mutex> guard(lock);
+    seen.push_back("GET " + path);
+    if (mode == DRIP || mode == HUGE) {
+        guard.unlock();
+        return misbehave(fd);
     }
-    std::string answer;
-    {
-        std::lock_guard<std::mutex> guard(lock);
-        const auto it = bodies.find(path);
-        answer = it == bodies.end() ? response(404, "") : response(200, it->second);
-    }
+    const auto it = bodies.find(path);
+    const std::string answer = mode == EMPTY_BODY ? response(200, "")
+                               : it == bodies.end() ? response(404, "") : response(200, it->second);
+    guard.unlock();
     sendAll(fd, answer);
 }
 

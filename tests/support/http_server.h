@@ -36,15 +36,14 @@ public:
     // Serves body under path from now on (for bodies that name the port).
     void setBody(const std::string& path, const std::string& body);
 
-    // One entry per accepted connection, in order: "GET <host header> <path>"
-    // for an HTTP request, "NOT-HTTP" for anything else.
+    // One entry per accepted connection, in order: "GET <path>" for an HTTP
+    // request, "NOT-HTTP" for anything else.
     std::vector<std::string> connections() const;
 
 private:
     void run();
     void serve(int fd);
     void misbehave(int fd);
-    void record(const std::string& entry);
 
     Routes bodies;
     Mode mode;

@@ -28,23 +28,14 @@ Bytes encode(const Msg& m) {
 // Decodes the first n bytes from an exactly sized copy; true when accepted.
 template <typename Msg>
 bool decodePrefix(const Bytes& bytes, size_t n, Msg& m) {
-    Bytes exact(bytes.begin(), bytes.begin() + n);
-    const uint8_t* cursor = exact.data();
-    size_t left = exact.size();
-    return m.getFromBuffer(cursor, left);
+    testsupport::ReadCursor c(Bytes(bytes.begin(), bytes.begin() + n));
+    return m.getFromBuffer(c.cur, c.left);
 }
 
 BasicDeviceInfo device(DeviceID id, const char* duid) {
     BasicDeviceInfo d;
-    d.id = id;
-    d.duid = duid;
-    d.specs = "s";
-    d.intVer = 7;
-    d.status = 6;
-    d.hubId = 17;
-    d.nname = "n";
-    d.domain = "x";
-    d.noOfObjects = 9;
+    d.id = id, d.duid = duid, d.specs = "s", d.intVer = 7, d.status = 6;
+    d.hubId = 17, d.nname = "n", d.domain = "x", d.noOfObjects = 9;
     return d;
 }
 
