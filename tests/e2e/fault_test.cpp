@@ -180,8 +180,8 @@ TEST_F(FaultTest, KilledWhileWritingRecordsEveryFileStaysWhole) {
             ASSERT_TRUE(parseFullRecord(now, n)) << r.first << " after kill " << kill << ": [" << now << "]";
             ASSERT_TRUE(parseFullRecord(r.second, b));
             for (auto& f : n)
-                if (f.first != "LAST_TIME" && f.first != "LAST_ADDR") ASSERT_EQ(b[f.first], f.second) << r.first;
-            if (n["LAST_ADDR"] != b["LAST_ADDR"]) EXPECT_EQ(addrOf[r.first], n["LAST_ADDR"]) << r.first;
+                if (f.first != "LAST_TIME" && f.first != "LAST_ADDR") { ASSERT_EQ(b[f.first], f.second) << r.first; }
+            if (n["LAST_ADDR"] != b["LAST_ADDR"]) { EXPECT_EQ(addrOf[r.first], n["LAST_ADDR"]) << r.first; }
             rewritten += now != r.second;
             r.second = now;
         }
