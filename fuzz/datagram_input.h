@@ -6,13 +6,8 @@
 // hub's clock moves before the datagram, see clockAdvanceMs), a 2-byte length
 // (big-endian) and that many bytes. A length beyond what is left takes what is
 // left; the datagram is the first 400 of those bytes at most, as the receive
-// buffer cuts it. A record of length 0 only moves the clock.
-//
-// Two devices are joined and connected before any input: the lamp (node 1000,
-// a 20-byte main key, signature type 1) on peer 0 and the switch (node 1001, no
-// main key, signature type 0) on peer 1, each with two objects and a fixed
-// session key, so that seeds may sign with it. The next device to join gets
-// node 1002. Node 1 is the hub's own services.
+// buffer cuts it. A record of length 0 only moves the clock. The two devices
+// joined before any input have fixed session keys, so that seeds may sign.
 #pragma once
 
 #include <cstddef>

@@ -1,38 +1,14 @@
 // Fuzzes the hub's datagram dispatch: an input is a sequence of datagrams
-// (format in fuzz/datagram_input.h) handed to handleDatagram, the function the
-// main loop calls for every received datagram, as if they came from four fixed
-// 127.0.0.1 peers.
-//
-// The hub's stores work on "DB" in a scratch directory: both are built anew on
-// that path at start (the working directory is left alone, so that libFuzzer's
-// relative paths keep working; the stores the process made at start-up on the
-// relative "DB" are only ever read, and not at all once replaced). Two
-// devices are joined and configured through the real handlers at start (the
-// lamp, node 1000, signing with type 1; the switch, node 1001, unsigned) and
-// the hub's own services are node 1. Before each datagram the clock moves on by
-// the input's amount and the due timed events run as in the loop; the clean-up
-// and the flush run on the loop's schedule afterwards.
-//
-// State carries over from input to input, bounded. A pre-joined device that
-// was lost (given up after a silence, replaced, moved to another address) joins
-// again before the next input that has a datagram in its node id's name (a
-// join costs more than most inputs, so inputs that do not need one do not pay
-// for it). Every 1000 inputs, or once more than 8 devices are held or 512
-// announcements were handled, or when a device cannot join again, the hub is
-// reset: every device destroyed, the database emptied and read anew, the
-// clock put back, both devices joined again.
-//
-// Everything the hub sends goes to the peers' sockets, which are read only
-// while a device joins; its log lines are formatted and thrown away (unless
-// VELTO_FUZZ_HUB_LOG is set in the environment). The
-// transfer library is replaced by one that never starts a transfer, so a
-// specification document the hub looks for is never fetched from anywhere.
-//
-// Checks beyond the sanitizers: a device's outgoing queue holds at most five
-// messages, the event heap at most 256 entries, and a clean-up leaves no
-// newcomer or replaced proxy unfreed.
+// (fuzz/datagram_input.h) handed to handleDatagram as if from four fixed
+// 127.0.0.1 peers, the clock moved on before each and the loop's timed events,
+// clean-up and flush run on its schedule. The stores work in a scratch "DB";
+// two devices (the lamp, node 1000, signing with type 1; the switch, node
+// 1001, unsigned) are joined through the real handlers, and join again before
+// an input that speaks as them once lost. The hub is reset every 1000 inputs,
+// past 8 devices or 512 announcements, or when a device cannot join again.
+// No transfer ever starts. Checks beyond the sanitizers: at most five queued
+// messages a device, 256 events, no newcomer or replaced proxy left unfreed.
 #include <curl/curl.h>
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,19 +67,6 @@ private:
     char area[256];
 };
 
-// Removes every plain entry of dir (one level).
-void emptyDirectory(const std::string& dir) {
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return;
-    std::vector<std::string> names;
-    while (const dirent* e = readdir(d)) {
-        const std::string n = e->d_name;
-        if (n != "." && n != "..") names.push_back(n);
-    }
-    closedir(d);
-    for (const std::string& n : names) unlink((dir + "/" + n).c_str());
-}
-
 // The record a pre-joined device has before it first joins.
 ClientDBRec profileRecord(const DeviceProfile& p, const SockAddress& addr) {
     ClientDBRec rec;
@@ -158,12 +121,6 @@ private:
     int64_t clockOffset = 0;
     unsigned inputsSinceReset = 0;
     unsigned announcementsSinceReset = 0;
-    // For the line printed at exit.
-    uint64_t inputs = 0;
-    uint64_t datagrams = 0;
-    uint64_t resets = 0;
-    uint64_t rejoins = 0;
-    uint64_t failedRejoins = 0;
 };
 
 // Node 1, owned by the client manager, which never frees its virtual clients:
@@ -205,14 +162,13 @@ void DatagramHub::dropEverything() {
 }
 
 void DatagramHub::reset() {
-    ++resets;
     dropEverything();
     clockOffset = 0;
     setClockOffsetForTesting(0);
     // The database object is built anew on the emptied directory: its cache of
     // DUIDs and ids only ever grows otherwise. The manager and the security
     // rules refer to it by address, which stays the same.
-    emptyDirectory(dbDir);
+    fuzzsupport::emptyDirectory(dbDir);
     clientsDb.~ClientsDatabase();
     new (&clientsDb) ClientsDatabase(dbDir);
     for (Device& d : devices) clientsDb.updateRecord(profileRecord(*d.profile, peers[d.profile->peer]));
@@ -244,9 +200,7 @@ bool DatagramHub::healthy(const Device& d) {
 void DatagramHub::restoreDevices() {
     for (Device& d : devices) {
         if (healthy(d)) continue;
-        ++rejoins;
         if (!join(d)) {
-            ++failedRejoins;
             reset();
             return;
         }
@@ -295,7 +249,6 @@ void DatagramHub::step(const fuzzdatagram::Datagram& d) {
     setClockOffsetForTesting(clockOffset);
     const Timestamp now = events.runDue(currentTime());
     if (d.size > 0) {
-        ++datagrams;
         std::unique_ptr<uint8_t[]> bytes(new uint8_t[d.size]);
         memcpy(bytes.get(), d.data, d.size);
         if (bytes[0] == NewBornDevicePack::PACK_ID) ++announcementsSinceReset;
@@ -333,18 +286,11 @@ void DatagramHub::runInput(const uint8_t* data, size_t size) {
     for (int i = 0; i < kMaxDatagramsPerInput && fuzzdatagram::nextDatagram(data, size, d); ++i) step(d);
     checkInvariants();
     ++inputsSinceReset;
-    ++inputs;
 }
 
 void DatagramHub::shutDown() {
-    fprintf(stderr,
-            "fuzz_datagram: %llu inputs, %llu datagrams, %llu resets, %llu rejoins of a pre-joined device "
-            "(%llu failed)\n",
-            static_cast<unsigned long long>(inputs), static_cast<unsigned long long>(datagrams),
-            static_cast<unsigned long long>(resets), static_cast<unsigned long long>(rejoins),
-            static_cast<unsigned long long>(failedRejoins));
     dropEverything();
-    emptyDirectory(dbDir);
+    fuzzsupport::emptyDirectory(dbDir);
     rmdir(dbDir.c_str());
 }
 

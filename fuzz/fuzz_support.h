@@ -26,6 +26,17 @@
 
 namespace fuzzsupport {
 
+// Removes every plain entry of dir (one level).
+inline void emptyDirectory(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (const dirent* e = readdir(d))
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != "..") names.push_back(e->d_name);
+        closedir(d);
+    }
+    for (const std::string& n : names) unlink((dir + "/" + n).c_str());
+}
+
 // A fresh directory, emptied (one level) and removed on destruction.
 class ScratchDir {
 public:
@@ -44,13 +55,7 @@ public:
         dir = name.data();
     }
     ~ScratchDir() {
-        if (DIR* d = opendir(dir.c_str())) {
-            while (const dirent* e = readdir(d)) {
-                const std::string n = e->d_name;
-                if (n != "." && n != "..") unlink(file(n).c_str());
-            }
-            closedir(d);
-        }
+        emptyDirectory(dir);
         rmdir(dir.c_str());
     }
     ScratchDir(const ScratchDir&) = delete;

@@ -47,21 +47,15 @@ void writePacks(const std::string& dir) {
     NewBornDevicePack nb = packkit::newBorn(kDuid, "acme.example/Velto/specs/Lamp.1");
     writeSeed(dir + "/01-newborn", packed(nb, NO_SIGNATURE_TYPE));
     AdoptionOfferPack offer;
-    offer.offer = 1;
-    offer.svrNodeId = 17;
-    offer.duid = kDuid;
-    offer.nname = "lamp";
+    offer.offer = 1, offer.svrNodeId = 17, offer.duid = kDuid, offer.nname = "lamp";
     offer.domain = fuzzdatagram::kDomain;
     writeSeed(dir + "/02-adoption-offer", packed(offer, NO_SIGNATURE_TYPE));
     NetworkJoinPack join = packkit::joinRequest(kDuid, fuzzdatagram::kDomain, 0x0123456789abcdefULL);
     join.generalFlags = NetworkJoinPack::HaveDirectInterface | NetworkJoinPack::HaveConfigSummary;
     writeSeed(dir + "/03-network-join", packed(join, NO_SIGNATURE_TYPE));
     JoinAcceptedPack accepted;
-    accepted.duid = kDuid;
-    accepted.nodeId = 1000;
-    accepted.flags = JoinAcceptedPack::ConfigSummaryRequest;
-    accepted.svrRand = 0xfedcba9876543210ULL;
-    accepted.encAlg = SIMPLE_XOR_TYPE;
+    accepted.duid = kDuid, accepted.nodeId = 1000, accepted.flags = JoinAcceptedPack::ConfigSummaryRequest;
+    accepted.svrRand = 0xfedcba9876543210ULL, accepted.encAlg = SIMPLE_XOR_TYPE;
     accepted.sessionKey = ByteArray<32>(kKey, sizeof kKey);
     writeSeed(dir + "/04-join-accepted", packed(accepted, NO_SIGNATURE_TYPE));
     ConfigSummaryPack summary = packkit::configSummary(kDuid, 2);
@@ -71,29 +65,21 @@ void writePacks(const std::string& dir) {
     get.objectNo = 1;
     writeSeed(dir + "/15-get-object-info", packed(get, HMAC_SHA1_TYPE));
     ObjectInfoPack info = packkit::objectInfo(1, "light", "acme.example/Light.1");
-    info.sParam1 = "a";
-    info.lnParam = 0x1122334455667788ULL;
+    info.sParam1 = "a", info.lnParam = 0x1122334455667788ULL;
     writeSeed(dir + "/16-object-info", packed(info, HMAC_SHA1_TYPE));
     ConfigurationCompletePack complete;
-    complete.serverTimestamp = 1700000000000ULL;
-    complete.hub2DevSequence = 2;
+    complete.serverTimestamp = 1700000000000ULL, complete.hub2DevSequence = 2;
     writeSeed(dir + "/19-config-complete", packed(complete, HMAC_SHA256_TYPE));
     PingPongPack ping = packkit::ping(PingPongPack::PING, 5);
     writeSeed(dir + "/20-ping", packed(ping, HMAC_SHA1_TYPE));
     MessageCarrierACKPack ack = packkit::ackOf(packkit::selector(DIRECT_MSGCAT, 1000, 1, 1, 1, 1, 5), 326);
     writeSeed(dir + "/32-carrier-ack", packed(ack, HMAC_SHA1_TYPE));
     NotificationSubscriptionPack sub;
-    sub.nodeId = 1001;
-    sub.objectNo = 2;
-    sub.eventId = 4;
-    sub.subscribe = 1;
+    sub.nodeId = 1001, sub.objectNo = 2, sub.eventId = 4, sub.subscribe = 1;
     writeSeed(dir + "/33-subscription", packed(sub, HMAC_SHA1_TYPE));
     MessageErrorPack err;
-    err.errorCode = MessageErrorPack::PERMISSION_DENIED;
-    err.category = DIRECT_MSGCAT;
-    err.fromNodeId = 1000;
-    err.toNodeId = 1001;
-    err.optErorMsg = "denied";
+    err.errorCode = MessageErrorPack::PERMISSION_DENIED, err.category = DIRECT_MSGCAT;
+    err.fromNodeId = 1000, err.toNodeId = 1001, err.optErorMsg = "denied";
     writeSeed(dir + "/34-message-error", packed(err, NO_SIGNATURE_TYPE));
 }
 
@@ -123,14 +109,8 @@ Bytes bodyBytes(const Body& body, size_t room) {
 
 BasicDeviceInfo deviceInfo(DeviceID id, const std::string& duid, const std::string& specs) {
     BasicDeviceInfo d;
-    d.id = id;
-    d.duid = duid;
-    d.nname = duid;
-    d.specs = specs;
-    d.intVer = 3;
-    d.status = 6;
-    d.hubId = 17;
-    d.domain = fuzzdatagram::kDomain;
+    d.id = id, d.duid = duid, d.nname = duid, d.specs = specs;
+    d.intVer = 3, d.status = 6, d.hubId = 17, d.domain = fuzzdatagram::kDomain;
     return d;
 }
 
@@ -141,9 +121,7 @@ BasicDeviceListMsg hubDeviceList() {
     list.devList = {deviceInfo(kLamp.id, kLamp.duid, "sp"), deviceInfo(kSwitch.id, kSwitch.duid, "sp"),
                     deviceInfo(fuzzdatagram::kHubNode, "VHubMainServices",
                                "hub.velto.local/Velto/specs/std/HubMainServices.1")};
-    list.devList[2].nname = "HubMainServices";
-    list.devList[2].intVer = 1;
-    list.devList[2].status = 0;
+    list.devList[2].nname = "HubMainServices", list.devList[2].intVer = 1, list.devList[2].status = 0;
     return list;
 }
 
@@ -234,9 +212,7 @@ void writeMessages(const std::string& dir) {
     // The switch subscribes to notification 9 of the lamp's object 0, which the
     // lamp sends; the switch acknowledges it and unsubscribes.
     NotificationSubscriptionPack sub;
-    sub.nodeId = kLamp.id;
-    sub.eventId = 9;
-    sub.subscribe = 1;
+    sub.nodeId = kLamp.id, sub.eventId = 9, sub.subscribe = 1;
     const MsgSelector note = packkit::selector(NOTIFICATION_MSGCAT, kLamp.id, 0, 9, 0, 0, 3);
     MessageCarrierACKPack noteAck = packkit::ackOf(note, 24);
     NotificationSubscriptionPack unsub = sub;
@@ -260,9 +236,7 @@ void writeMessages(const std::string& dir) {
     // Too short, an unknown node, and a pack without a handler.
     PingPongPack ping = packkit::ping(PingPongPack::PING, 0x55);
     MessageErrorPack err;
-    err.errorCode = MessageErrorPack::PERMISSION_DENIED;
-    err.fromNodeId = kSwitch.id;
-    err.toNodeId = kLamp.id;
+    err.errorCode = MessageErrorPack::PERMISSION_DENIED, err.fromNodeId = kSwitch.id, err.toNodeId = kLamp.id;
     Sequence().raw(fuzzdatagram::SPARE_PEER + 1, {0x14}).raw(fuzzdatagram::SPARE_PEER + 1,
                                                             packkit::encode(ping, 4242, 1), 1)
         .send(kSwitch, err, 1).write(dir + "/oddities");
@@ -281,8 +255,7 @@ int main(int argc, char** argv) {
     writeCarrierStream(packs + "/31-carrier-in-order", 700, {0, 1, 2}, NO_SIGNATURE_TYPE);
     writeCarrierStream(packs + "/31-carrier-gap-repeat", 1000, {0, 2, 1, 0, 1, 2, 3}, NO_SIGNATURE_TYPE);
     RequestBasicDeviceListMsg request = listRequest("acme.example/Velto/specs/Lamp.1");
-    request.flags = 1;
-    request.withName = "lamp";
+    request.flags = 1, request.withName = "lamp";
     writeSeed(packs + "/dm-request-device-list", bodyBytes(request, MAX_PACKET_SIZE));
     BasicDeviceListMsg list = hubDeviceList();
     writeSeed(packs + "/dm-device-list", bodyBytes(list, list.estimateRequiredSize()));

@@ -34,15 +34,6 @@ Bytes SimDevice::receiveRaw(uint32_t timeoutMs) {
     return n > 0 ? Bytes(buf, buf + n) : Bytes();
 }
 
-size_t SimDevice::sendMessage(const SockAddress& hub, const MsgSelector& ms, const Bytes& body) {
-    size_t sent = 0;
-    for (MessageCarrierPack& p : packkit::pieces(ms, body)) {
-        if (!send(hub, p)) break;
-        ++sent;
-    }
-    return sent;
-}
-
 bool SimDevice::receiveMessage(MsgSelector& ms, Bytes& body, uint32_t timeoutMs) {
     body.clear();
     size_t held = 0;

@@ -58,8 +58,6 @@ public:
         Bytes d = receiveRaw(timeoutMs);
         return !d.empty() && d[0] == T::PACK_ID && pack.deserialize(d.data(), d.size(), true) > 1;
     }
-    // Sends every piece of a message at once. Returns the number of pieces sent.
-    size_t sendMessage(const SockAddress& hub, const MsgSelector& ms, const Bytes& body);
     // Collects the pieces of one message sent down by the hub until msgSize
     // bytes are held in order; false when a piece misses timeoutMs. Sends no
     // acknowledgement.

@@ -27,8 +27,6 @@ struct HmacVector {
     std::string hex;
 };
 
-inline std::string repeated(size_t n, uint8_t b) { return std::string(n, static_cast<char>(b)); }
-
 template <typename H, size_t LEN>
 struct ShaChecks {
     static std::string digest(const std::string& msg) {
