@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -88,6 +89,12 @@ std::string announceAndJoin(SimDevice& dev, uint64_t clientRand) {
     return "[127.0.0.1]:" + std::to_string(dev.address().port());
 }
 
+// The clock, or VELTO_FAULT_SEED to replay the run that printed it.
+unsigned randomSeed() {
+    const char* fixed = getenv("VELTO_FAULT_SEED");
+    return fixed ? static_cast<unsigned>(std::strtoul(fixed, nullptr, 10)) : static_cast<unsigned>(currentTime());
+}
+
 class FaultTest : public DeviceScenarioFixture {
 protected:
     void startHub(const std::vector<std::string>& env = {}) {
@@ -150,10 +157,7 @@ TEST_F(FaultTest, KilledWhileWritingRecordsEveryFileStaysWhole) {
     }
     // Left by an earlier crash: half written, naming an id no record has.
     ASSERT_TRUE(writeFile(recordPath("kr-1007") + ".tmp", "DUID=kr-1007\nID=9999\nSPE"));
-    // VELTO_FAULT_SEED replays the flood of a failed run.
-    const char* seedEnv = getenv("VELTO_FAULT_SEED");
-    const unsigned seed = seedEnv ? static_cast<unsigned>(std::strtoul(seedEnv, nullptr, 10))
-                                  : static_cast<unsigned>(currentTime());
+    const unsigned seed = randomSeed();
     SCOPED_TRACE("random seed " + std::to_string(seed));
     std::mt19937 rng(seed);
     int rewritten = 0;
@@ -230,10 +234,7 @@ TEST_F(FaultTest, FloodLeavesTheHubServingWithBoundedMemory) {
     pumpFor(1200);  // past a clean-up pass
     const long baseRss = vmKb(hub.id(), "VmRSS");
     const std::set<DeviceID> spared = {rec(0).session.nodeId(), rec(1).session.nodeId()};
-    // VELTO_FAULT_SEED replays the flood of a failed run.
-    const char* seedEnv = getenv("VELTO_FAULT_SEED");
-    const unsigned seed = seedEnv ? static_cast<unsigned>(std::strtoul(seedEnv, nullptr, 10))
-                                  : static_cast<unsigned>(currentTime());
+    const unsigned seed = randomSeed();
     SCOPED_TRACE("random seed " + std::to_string(seed));
 
     pid_t flood = fork();
