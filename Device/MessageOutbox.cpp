@@ -71,6 +71,7 @@ bool MessageOutbox::takeAck(const MessageCarrierACKPack& ack) {
     const Timestamp now = currentTime();
     if (ack.lastSeqNo < cur.msgSize && recentlyWentBackTo(ack.lastSeqNo, now)) return true;
     if (!sender.processAck(ack.lastSeqNo, ms)) return false;
+    if (ack.lastSeqNo > furthestAck) furthestAck = ack.lastSeqNo, stalls = 0;
     if (sender.getStatus() == MsgSender::DONE) {
         finish(true, "");
         return true;
@@ -91,11 +92,15 @@ bool MessageOutbox::recentlyWentBackTo(uint32_t pos, Timestamp now) {
 
 bool MessageOutbox::checkTimeout() {
     if (!inFlight || sender.getStatus() != MsgSender::TIMEOUT) return false;
-    if (sender.tooManyFailures()) {
+    // The sender's own count never restarts within a message, so a long
+    // message over a lossy link would be given up after a few scattered
+    // waits; only waits in a row without the hub getting further count here.
+    if (stalls > MsgSender::MaxConssecutiveFailues) {
         finish(false, "no acknowledgement after " + std::to_string(MsgSender::MaxConssecutiveFailues + 1) +
                           " resends");
         return false;
     }
+    ++stalls;
     return sender.fallbackToLastSentSequence();
 }
 
@@ -104,6 +109,8 @@ void MessageOutbox::finish(bool delivered, const std::string& reason) {
     haveFinished = true;
     lastFinished = flying.ms;
     wentBack.clear();
+    furthestAck = 0;
+    stalls = 0;
     sender.clear();
     flying = Pending();
     inFlight = false;

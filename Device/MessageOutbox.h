@@ -12,7 +12,8 @@
 // as soon as a piece past it arrives, so a loss costs at most one burst, not
 // the whole rest of the message); a go-back starts a new burst at once. When
 // no acknowledgement comes within the sender's wait, the last piece is sent
-// again; after too many consecutive failures the message is given up. Every
+// again; after too many waits in a row with no acknowledgement further into
+// the message than before, the message is given up. Every
 // finished message leaves one result. No I/O: the caller sends the pieces.
 #pragma once
 
@@ -102,6 +103,8 @@ private:
     std::deque<Resume> wentBack;  // positions gone back to, newest last
     int burstLeft = BURST_PIECES;  // pieces the current burst may still send
     Timestamp lastPieceAt = 0;
+    uint32_t furthestAck = 0;  // of the message in flight
+    int stalls = 0;            // time-outs since furthestAck last moved on
     bool haveFinished = false;
     MsgSelector lastFinished;  // msgNo included
 };
