@@ -27,16 +27,18 @@ if [ "${1:-}" = "--quick" ]; then
     out="$PWD/build-bench/quick-results"
 fi
 mkdir -p "$out"
+rm -f "$out/transfer.txt" "$out/bridge.txt"
 tests/netns.sh "$PWD/build-bench/velto-bench" --bin-dir "$PWD/build-bench" \
     --out "$out" ${mode[@]+"${mode[@]}"}
 
 # Transfer figures (long messages over clean and lossy links, the device list
-# in large homes); their RESULT lines also go to transfer.txt.
+# in large homes); their TRANSFER and DEVLIST lines also go to transfer.txt.
 counts=1000,5000,10000
 [ ${#mode[@]} -gt 0 ] && counts=1000
 echo "Transfers and the device list:"
 tests/netns.sh "$PWD/build-bench/velto-transfer" --bin-dir "$PWD/build-bench" \
-    --work "$PWD/build-bench/transfer-work" --counts "$counts" | tee "$out/transfer.txt"
+    --work "$PWD/build-bench/transfer-work" --counts "$counts" |
+    awk -v f="$out/transfer.txt" '{ print; fflush() } /^(TRANSFER|DEVLIST) / { print > f }'
 
 # The MQTT bridge: a device's notification to an MQTT subscriber (p50/p99,
 # sustained rate) beside mosquitto's own publish-to-subscribe latency, and the
@@ -46,4 +48,5 @@ bridge_args=()
 echo "MQTT bridge:"
 tests/netns.sh "$PWD/build-bench/bridge-bench" --hub-bin "$PWD/build-bench/velto-hub" \
     --bridge-bin "$PWD/build-bench/velto-mqtt" --examples "$PWD/examples" \
-    ${bridge_args[@]+"${bridge_args[@]}"} | tee "$out/bridge.txt"
+    ${bridge_args[@]+"${bridge_args[@]}"} |
+    awk -v f="$out/bridge.txt" '{ print; fflush() } /^RESULT / { print > f }'
