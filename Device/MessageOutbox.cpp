@@ -71,6 +71,7 @@ bool MessageOutbox::takeAck(const MessageCarrierACKPack& ack) {
     const Timestamp now = currentTime();
     if (ack.lastSeqNo < cur.msgSize && recentlyWentBackTo(ack.lastSeqNo, now)) return true;
     if (!sender.processAck(ack.lastSeqNo, ms)) return false;
+    answered = true;
     if (ack.lastSeqNo > furthestAck) furthestAck = ack.lastSeqNo, stalls = 0;
     if (sender.getStatus() == MsgSender::DONE) {
         finish(true, "");
@@ -101,7 +102,25 @@ bool MessageOutbox::checkTimeout() {
         return false;
     }
     ++stalls;
+    if (mayHaveLostFirstPiece()) {
+        restarted = true;
+        burstLeft = BURST_PIECES;
+        return sender.processAck(0, sender.getMsgInfo());  // everything again, from the first piece
+    }
     return sender.fallbackToLastSentSequence();
+}
+
+// The hub answers a repeated last piece whenever it holds a reception of the
+// message (with its gap, or the whole size), and says nothing when it has
+// none: either the first piece never reached it, or it had the whole message
+// and its one acknowledgement of it was lost. A long message that was never
+// answered at all is far more likely to have lost its first piece (a whole
+// long message without a single gap to report), so it is sent once more from
+// the start; a short one is left to the give-up, since sending it again could
+// deliver it twice.
+bool MessageOutbox::mayHaveLostFirstPiece() const {
+    return !answered && !restarted && stalls > SILENT_RESENDS_BEFORE_RESTART &&
+           flying.data.size() > static_cast<size_t>(BURST_PIECES) * MAX_CARRIER_PAYLOAD;
 }
 
 void MessageOutbox::finish(bool delivered, const std::string& reason) {
@@ -111,6 +130,7 @@ void MessageOutbox::finish(bool delivered, const std::string& reason) {
     wentBack.clear();
     furthestAck = 0;
     stalls = 0;
+    answered = restarted = false;
     sender.clear();
     flying = Pending();
     inFlight = false;

@@ -13,7 +13,11 @@
 // the whole rest of the message); a go-back starts a new burst at once. When
 // no acknowledgement comes within the sender's wait, the last piece is sent
 // again; after too many waits in a row with no acknowledgement further into
-// the message than before, the message is given up. Every
+// the message than before, the message is given up. A message of more than
+// BURST_PIECES pieces that the hub never answered at all is sent once more
+// from its first piece after SILENT_RESENDS_BEFORE_RESTART silent resends
+// (its first piece was most likely lost, and the hub is silent to every piece
+// of a message whose first piece it never had). Every
 // finished message leaves one result. No I/O: the caller sends the pieces.
 #pragma once
 
@@ -60,6 +64,7 @@ public:
     bool betweenBursts() const { return inFlight && burstLeft == 0; }
 
     static constexpr int REPEAT_WAIT_MS = 250;
+    static constexpr int SILENT_RESENDS_BEFORE_RESTART = 3;
 
     // Takes an acknowledgement. Returns true when it belongs to the message in
     // flight (same addressing and msgNo) and was accepted, or repeats a
@@ -88,6 +93,7 @@ private:
     };
 
     void finish(bool delivered, const std::string& reason);
+    bool mayHaveLostFirstPiece() const;
     bool startNext();
 
     std::deque<Pending> queue;
@@ -105,6 +111,8 @@ private:
     Timestamp lastPieceAt = 0;
     uint32_t furthestAck = 0;  // of the message in flight
     int stalls = 0;            // time-outs since furthestAck last moved on
+    bool answered = false;     // the hub acknowledged some of it
+    bool restarted = false;    // it was sent again from its first piece
     bool haveFinished = false;
     MsgSelector lastFinished;  // msgNo included
 };

@@ -87,6 +87,35 @@ TEST(MessageOutbox, TimeoutResendsTheLastPieceAndFinallyGivesUp) {
     EXPECT_EQ(std::vector<std::string>{"6 lost"}, outcomes(box));
 }
 
+// A long message the hub never answered is sent once more from its first
+// piece after three silent resends of its last one (short ones never are:
+// see above), then the last piece is resent again until the give-up.
+TEST(MessageOutbox, LongMessageNeverAnsweredStartsOverOnce) {
+    MessageOutbox box;
+    const uint32_t size = MessageOutbox::BURST_PIECES * 326 + 1;
+    ASSERT_TRUE(box.enqueue(direct(7), std::vector<uint8_t>(size, 2)));
+    int clock = 0;
+    auto sendAll = [&] {  // across the gaps between bursts
+        std::vector<uint32_t> starts;
+        for (int i = 0; i < 5; ++i, setClockOffsetForTesting(clock += 10)) {
+            std::vector<uint32_t> more = drain(box);
+            starts.insert(starts.end(), more.begin(), more.end());
+        }
+        return starts;
+    };
+    ASSERT_EQ(MessageOutbox::BURST_PIECES + 1u, sendAll().size());
+    std::vector<std::vector<uint32_t>> resent;
+    for (int i = 0; i < 20 && box.busy(); ++i) {
+        setClockOffsetForTesting(clock += 300);
+        if (box.checkTimeout()) resent.push_back(sendAll());
+    }
+    setClockOffsetForTesting(0);
+    ASSERT_EQ(MsgSender::MaxConssecutiveFailues + 1, static_cast<int>(resent.size()));
+    for (size_t i = 0; i < resent.size(); ++i)
+        EXPECT_EQ(i == 3 ? MessageOutbox::BURST_PIECES + 1u : 1u, resent[i].size()) << "resend " << i;
+    EXPECT_EQ(std::vector<std::string>{"7 lost"}, outcomes(box));
+}
+
 // The hub acknowledges its gap once for every piece past it: a position gone
 // back to in the last 250 ms does not restart a round (not even when a held-
 // back repeat of it comes after a newer one); later it does. Acks of the

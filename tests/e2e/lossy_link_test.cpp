@@ -68,10 +68,11 @@ TEST_F(LossyLink, LongMessagesArriveIntactWithinTheirBounds) {
     for (const char* no : {"1", "2"}) {
         const bool ok = outcomes.find(std::string("\ndelivered no ") + no + "\n") != std::string::npos;
         delivered += ok;
-        if (!ok)
+        if (!ok) {
             EXPECT_NE(std::string::npos,
                       outcomes.find(std::string("not delivered no ") + no + ": no acknowledgement after 11 resends\n"))
                 << outcomes.substr(0, 2000);
+        }
     }
     EXPECT_GE(delivered, 1) << outcomes.substr(0, 2000);
     sleepMs(300);
