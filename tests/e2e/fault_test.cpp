@@ -2,7 +2,6 @@
 // DB: SIGKILL while it writes records, an unwritable DB, a flood, hostile DUIDs.
 // Runs in a private network namespace (tests/netns.sh); main() adds a private
 // mount namespace for the read-only bind mount. Every loop and wait is bounded.
-#include <dirent.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -33,17 +32,6 @@ namespace {
 const SockAddress HUB_ADDR("127.0.0.1", 1881);
 const char* const JOIN_DOMAIN = "TestDomain_KVZ1";
 bool privateMounts = false;  // main() made a private mount namespace
-
-// Names in a directory, "." and ".." left out; empty when it cannot be read.
-std::set<std::string> listDir(const std::string& dir) {
-    std::set<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d))
-            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.insert(e->d_name);
-        closedir(d);
-    }
-    return names;
-}
 
 // A "Vm..." figure of /proc/<pid>/status in kB, -1 when unreadable.
 long vmKb(pid_t pid, const std::string& field) {

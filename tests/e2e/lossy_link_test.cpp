@@ -63,18 +63,12 @@ TEST_F(LossyLink, LongMessagesArriveIntactWithinTheirBounds) {
     // cannot tell and reports the message not delivered after its resends.
     // That may happen to one of the two, not (but once in thousands) to both.
     ASSERT_TRUE(dev[0].waitForOutput("delivered no 2", 8000)) << dev[0].err().substr(0, 2000);
-    const std::string outcomes = dev[0].out();
-    int delivered = 0;
-    for (const char* no : {"1", "2"}) {
-        const bool ok = outcomes.find(std::string("\ndelivered no ") + no + "\n") != std::string::npos;
-        delivered += ok;
-        if (!ok) {
-            EXPECT_NE(std::string::npos,
-                      outcomes.find(std::string("not delivered no ") + no + ": no acknowledgement after 11 resends\n"))
-                << outcomes.substr(0, 2000);
-        }
-    }
-    EXPECT_GE(delivered, 1) << outcomes.substr(0, 2000);
+    const std::string outcomes = dev[0].out(), unsure = ": no acknowledgement after 11 resends\n";
+    const bool ok1 = outcomes.find("\ndelivered no 1\n") != std::string::npos,
+               ok2 = outcomes.find("\ndelivered no 2\n") != std::string::npos;
+    EXPECT_TRUE((ok1 || ok2) && (ok1 || outcomes.find("not delivered no 1" + unsure) != std::string::npos) &&
+                (ok2 || outcomes.find("not delivered no 2" + unsure) != std::string::npos))
+        << outcomes.substr(0, 2000);
     sleepMs(300);
     EXPECT_EQ(2u, occurrences(dev[1].out(), "message from ")) << "each message delivered once";
     // The faults did happen on both legs of the sender's link.

@@ -41,4 +41,12 @@ bool fileExists(const std::string& path) {
     return stat(path.c_str(), &st) == 0;
 }
 
+std::set<std::string> listDir(const std::string& dir) {
+    std::set<std::string> names;
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
+        names.insert(it->path().filename());
+    return names;
+}
+
 }  // namespace testsupport

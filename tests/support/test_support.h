@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 
 namespace testsupport {
@@ -28,6 +29,8 @@ bool writeFile(const std::string& path, const std::string& content);
 // The whole file, or "" when it cannot be read.
 std::string readFile(const std::string& path);
 bool fileExists(const std::string& path);
+// Names in a directory; empty when it cannot be read.
+std::set<std::string> listDir(const std::string& dir);
 
 // What `work` wrote to standard output and standard error.
 struct CapturedOutput {
